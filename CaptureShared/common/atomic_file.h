@@ -1,0 +1,16 @@
+#pragma once
+// Whole-file replacement that a reader never sees half-written.
+#include <filesystem>
+#include <string_view>
+#include <sys/types.h>
+
+namespace aimwise {
+
+// Writes `contents` to a temporary file beside `path`, syncs it, sets `mode` and renames it over
+// `path`. Throws std::filesystem::filesystem_error on failure; the old file is then untouched.
+void writeFileAtomically(const std::filesystem::path& path, std::string_view contents, mode_t mode = 0600);
+
+// Reads a whole file. Throws std::filesystem::filesystem_error when it cannot be read.
+std::string readWholeFile(const std::filesystem::path& path);
+
+}  // namespace aimwise

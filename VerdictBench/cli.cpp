@@ -1,0 +1,84 @@
+#include "VerdictBench/cli.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <ctime>
+
+#include "AimwiseCore/events/iso8601.h"
+
+namespace aimwise::cli {
+
+const char* const usageText =
+    "usage: bench run VerdictBench judge [ISO-8601 timestamp] [--window-content <text>|--no-window-content]\n"
+    "       bench run VerdictBench replay <n> [offset]\n"
+    "       bench run VerdictBench prompt [ISO-8601 timestamp] [--window-content <text>]\n"
+    "       bench run VerdictBench shadow\n"
+    "       bench run VerdictBench shadow-compare [tolerance-minutes]\n"
+    "       bench run VerdictBench tick\n"
+    "       bench run VerdictBench integrity\n"
+    "       bench run VerdictBench staleness\n"
+    "       AIMCAP_DATA_ROOT=<scratch copy> bench run VerdictBench energy-report [--now-ms N]";
+
+WindowContentSplit extractWindowContentFlag(const std::vector<std::string>& args) {
+    WindowContentSplit split;
+    for (size_t i = 0; i < args.size(); ++i) {
+        if (args[i] == "--window-content" && i + 1 < args.size()) {
+            split.windowContent = args[i + 1];
+            ++i;
+        } else if (args[i] == "--no-window-content") {
+            split.noWindowContent = true;
+        } else {
+            split.positional.push_back(args[i]);
+        }
+    }
+    return split;
+}
+
+Invocation splitArguments(const std::vector<std::string>& allArguments) {
+    Invocation invocation;
+    invocation.allArguments = allArguments;
+    if (allArguments.empty()) return invocation;
+    invocation.mode = allArguments.front();
+    invocation.argumentsAfterMode.assign(allArguments.begin() + 1, allArguments.end());
+
+    std::vector<std::string> remaining;
+    for (const auto& argument : invocation.argumentsAfterMode) {
+        // Only replay reads these, but every verb drops them so they never pass for a timestamp.
+        if (argument == "--paired-fm") {
+            invocation.fmPairedArmFlag = true;
+        } else if (argument == "--settled") {
+            invocation.settledFlag = true;
+        } else {
+            remaining.push_back(argument);
+        }
+    }
+    WindowContentSplit split = extractWindowContentFlag(remaining);
+    invocation.positional = std::move(split.positional);
+    invocation.windowContentFlag = std::move(split.windowContent);
+    invocation.noWindowContentFlag = split.noWindowContent;
+    return invocation;
+}
+
+void fail(const std::string& message) {
+    std::fwrite(message.data(), 1, message.size(), stderr);
+    std::fputc('\n', stderr);
+    std::fflush(stdout);
+    std::fflush(stderr);
+    std::exit(1);
+}
+
+std::optional<int64_t> parseInternetDateTime(const std::string& text) { return Iso8601::parseInternetDateTime(text); }
+
+std::optional<int64_t> parseAsOf(const std::optional<std::string>& text) {
+    if (!text) return std::nullopt;
+    if (auto ms = parseInternetDateTime(*text)) return ms;
+    fail("could not parse timestamp: " + *text);
+}
+
+int64_t nowMs() {
+    const auto since = std::chrono::system_clock::now().time_since_epoch();
+    return static_cast<int64_t>(std::chrono::duration<double>(since).count() * 1000.0);
+}
+
+}  // namespace aimwise::cli

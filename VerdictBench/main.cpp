@@ -1,0 +1,42 @@
+// VerdictBench: the classifier's command-line tool. `tick` is its production entry point.
+#include <cstring>
+#include <string>
+#include <vector>
+
+#include "CaptureShared/dataroot/agent_logging.h"
+#include "CaptureShared/dataroot/agent_umask.h"
+#include "CaptureShared/dataroot/licence_check.h"
+#include "VerdictBench/cli.h"
+#include "VerdictBench/verbs.h"
+
+namespace {
+
+using aimwise::cli::Invocation;
+
+struct Verb {
+    const char* name;
+    int (*run)(const Invocation&);
+};
+
+// Compared as exact, case-sensitive text, in this order.
+constexpr Verb verbTable[] = {
+    {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
+};
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    aimwise::LicenceCheck::run();
+    aimwise::AgentUmask::apply();
+
+    std::vector<std::string> arguments(argv + 1, argv + argc);
+    const Invocation invocation = aimwise::cli::splitArguments(arguments);
+
+    aimwise::AgentLogging::bootstrap("AimwiseCoach", "classifier", std::nullopt, 300.0);
+
+    if (invocation.mode) {
+        for (const Verb& verb : verbTable)
+            if (*invocation.mode == verb.name) return verb.run(invocation);
+    }
+    aimwise::cli::fail(aimwise::cli::usageText);
+}

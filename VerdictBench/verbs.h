@@ -1,0 +1,9 @@
+#pragma once
+// One function per verb; main.cpp holds the table that dispatches to them.
+#include "VerdictBench/cli.h"
+
+namespace aimwise::verbs {
+
+int runPyReprSelftest(const cli::Invocation& invocation);
+
+}  // namespace aimwise::verbs
