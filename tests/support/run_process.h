@@ -1,0 +1,31 @@
+#pragma once
+// Runs a program as a child process and collects what it printed, for tests of whole verbs.
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace aimwise::testing {
+
+struct ProcessResult {
+    int exitStatus = -1;  // -1 when killed by a signal
+    std::string standardOutput;
+    std::string standardError;
+};
+
+struct ProcessOptions {
+    // Added to (or replacing entries of) the test's own environment.
+    std::map<std::string, std::string> environment;
+    // Removed from the environment before `environment` is applied.
+    std::vector<std::string> unset;
+    std::optional<std::string> standardInput;
+    int timeoutSec = 60;
+};
+
+ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
+                         const ProcessOptions& options = {});
+
+// The built VerdictBench binary.
+std::string verdictBenchPath();
+
+}  // namespace aimwise::testing
