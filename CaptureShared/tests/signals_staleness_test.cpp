@@ -1,0 +1,116 @@
+#include "CaptureShared/staleness/signals_staleness.h"
+
+#include <gtest/gtest.h>
+
+#include "CaptureShared/staleness/iso_date.h"
+
+namespace aimwise {
+namespace {
+
+using namespace SignalsStaleness;
+
+constexpr int64_t now = 1'763'800'000'000;
+constexpr int64_t threshold = 180'000;
+constexpr int64_t regimeGapSec = 240;
+
+Decision decideAt(const Pause& pause, std::optional<int64_t> latestTickMs, std::optional<int64_t> lastRanAtMs) {
+    return decide(pause, latestTickMs, now, lastRanAtMs, threshold, regimeGapSec);
+}
+
+TEST(SignalsStalenessDecide, NoRowIsNotChecked) {
+    EXPECT_EQ(decideAt(PauseNone{}, std::nullopt, now), Decision{NotChecked{}});
+    EXPECT_EQ(decideAt(PauseActive{now - 1}, std::nullopt, now), Decision{NotChecked{}});
+}
+
+TEST(SignalsStalenessDecide, TheThresholdItselfIsStillFresh) {
+    EXPECT_EQ(decideAt(PauseNone{}, now - 180'000, now), Decision{Fresh{}});
+    EXPECT_EQ(decideAt(PauseNone{}, now - 180'001, now), Decision{(StaleConfirmed{180'001, now - 180'001})});
+    // A row from the future is fresh, not stale.
+    EXPECT_EQ(decideAt(PauseNone{}, now + 5'000, std::nullopt), Decision{Fresh{}});
+}
+
+TEST(SignalsStalenessDecide, AStaleRowIsTrustedOnlyWhenTheClassifierRanWithinTheRegimeGap) {
+    const int64_t row = now - 600'000;
+    EXPECT_EQ(decideAt(PauseNone{}, row, now - 240'000), Decision{(StaleConfirmed{600'000, row})});
+    EXPECT_EQ(decideAt(PauseNone{}, row, now - 241'000), Decision{StaleButUntrustworthy{600'000}});
+    EXPECT_EQ(decideAt(PauseNone{}, row, std::nullopt), Decision{StaleButUntrustworthy{600'000}});
+}
+
+TEST(SignalsStalenessDecide, APauseWithoutAKnownStartIsNoPause) {
+    const int64_t row = now - 600'000;
+    EXPECT_EQ(decideAt(PauseActive{std::nullopt}, row, now), Decision{(StaleConfirmed{600'000, row})});
+    EXPECT_EQ(decideAt(PauseActive{std::nullopt}, row, std::nullopt), Decision{StaleButUntrustworthy{600'000}});
+    EXPECT_EQ(decideAt(PauseActive{std::nullopt}, now - 1000, std::nullopt), Decision{Fresh{}});
+}
+
+TEST(SignalsStalenessDecide, APauseThatBeganAtOrBeforeTheNewestRowExcusesNothing) {
+    const int64_t row = now - 600'000;
+    EXPECT_EQ(decideAt(PauseActive{row}, row, now), Decision{(StaleConfirmed{600'000, row})});
+    EXPECT_EQ(decideAt(PauseActive{row - 1}, row, std::nullopt), Decision{StaleButUntrustworthy{600'000}});
+}
+
+TEST(SignalsStalenessDecide, APauseAfterTheNewestRowExcusesTheSilenceForTheThresholdOnly) {
+    const int64_t row = now - 3'600'000;
+    // 179 seconds into the pause the row predates it, whether or not the classifier ran.
+    EXPECT_EQ(decideAt(PauseActive{now - 179'000}, row, now), Decision{(PredatesPause{row, now - 179'000})});
+    EXPECT_EQ(decideAt(PauseActive{now - 179'000}, row, std::nullopt), Decision{(PredatesPause{row, now - 179'000})});
+    // From 180 seconds on, an awake classifier confirms the database is stale.
+    EXPECT_EQ(decideAt(PauseActive{now - 180'000}, row, now - 1), Decision{(StaleConfirmed{3'600'000, row})});
+    EXPECT_EQ(decideAt(PauseActive{now - 180'000}, row, now - 241'000),
+              Decision{(PredatesPause{row, now - 180'000})});
+    // Even a row younger than the threshold predates a pause that started after it.
+    EXPECT_EQ(decideAt(PauseActive{now - 500}, now - 1000, now), Decision{(PredatesPause{now - 1000, now - 500})});
+}
+
+TEST(SignalsStalenessText, HumanDurationUsesWholeUnitsWithoutSpaces) {
+    EXPECT_EQ(humanDuration(0), "0s");
+    EXPECT_EQ(humanDuration(59'999), "59s");
+    EXPECT_EQ(humanDuration(60'000), "1m");
+    EXPECT_EQ(humanDuration(3'599'999), "59m");
+    EXPECT_EQ(humanDuration(3'600'000), "1h0m");
+    EXPECT_EQ(humanDuration(3'600'000 * 26 + 61'000), "26h1m");
+    EXPECT_EQ(humanDuration(-500), "0s");
+    EXPECT_EQ(humanDuration(-999), "0s");
+    EXPECT_EQ(humanDuration(-1000), "0s");
+    EXPECT_EQ(humanDuration(-86'400'000), "0s");
+}
+
+TEST(SignalsStalenessText, ReasonNamesTheLastRowAndTheGap) {
+    const int64_t row = IsoDate::parse("2026-11-22T05:00:00Z").value();
+    EXPECT_EQ(reason(5'430'000, row + 999),
+              "signals stale since 2026-11-22T05:00:00Z (~1h30m with no new signals.sqlite row) — not judged; "
+              "capture may have stopped");
+}
+
+TEST(SignalsStalenessText, ReasonPredatesPauseNamesThePauseTheRowAndItsAge) {
+    const int64_t row = IsoDate::parse("2026-11-22T05:00:00Z").value();
+    const int64_t pause = IsoDate::parse("2026-11-22T05:10:30Z").value();
+    EXPECT_EQ(reasonPredatesPause(row, pause, row + 754'000),
+              "recording is paused (since 2026-11-22T05:10:30Z) and the newest signals.sqlite row is from "
+              "2026-11-22T05:00:00Z, before the pause began (~12m ago) — not judged; waiting for Signals to write a "
+              "current row");
+}
+
+TEST(IsoDate, FormatsInUTCAtWholeSeconds) {
+    EXPECT_EQ(IsoDate::format(0), "1970-01-01T00:00:00Z");
+    EXPECT_EQ(IsoDate::format(951'782'400'999), "2000-02-29T00:00:00Z");
+    EXPECT_EQ(IsoDate::format(-1), "1969-12-31T23:59:59Z");
+    EXPECT_EQ(IsoDate::format(253'402'300'799'000), "9999-12-31T23:59:59Z");
+}
+
+TEST(IsoDate, ParsesInternetDateTimesAndRejectsEverythingElse) {
+    EXPECT_EQ(IsoDate::parse("2000-02-29T00:00:00Z"), 951'782'400'000);
+    EXPECT_EQ(IsoDate::parse("2000-02-29T00:00:00.25Z"), 951'782'400'250);
+    EXPECT_EQ(IsoDate::parse("2000-02-29T02:30:00+02:30"), 951'782'400'000);
+    EXPECT_EQ(IsoDate::parse("1969-12-31T23:59:59Z"), -1000);
+    for (const char* bad : {"", "2000-02-30T00:00:00Z", "2001-02-29T00:00:00Z", "2000-02-29 00:00:00Z",
+                            "2000-02-29T24:00:00Z", "2000-02-29T00:00:00", "2000-02-29T00:00:00Zjunk",
+                            "2000-02-29T00:00:00.Z", "2000-02-29T00:00:00+0200", "20x0-02-29T00:00:00Z",
+                            "2000-02-29T00:00:00+02:3"})
+        EXPECT_EQ(IsoDate::parse(bad), std::nullopt) << bad;
+    for (int64_t ms : {int64_t{0}, int64_t{-86'400'000}, int64_t{1'763'800'000'000}})
+        EXPECT_EQ(IsoDate::parse(IsoDate::format(ms)), ms);
+}
+
+}  // namespace
+}  // namespace aimwise
