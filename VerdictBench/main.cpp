@@ -21,6 +21,7 @@ struct Verb {
 // Compared as exact, case-sensitive text, in this order.
 constexpr Verb verbTable[] = {
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
+    {"staleness", aimwise::verbs::runStaleness},
 };
 
 }  // namespace

@@ -5,5 +5,6 @@
 namespace aimwise::verbs {
 
 int runPyReprSelftest(const cli::Invocation& invocation);
+int runStaleness(const cli::Invocation& invocation);
 
 }  // namespace aimwise::verbs
