@@ -21,7 +21,16 @@ void insertTick(SQLiteDB& db, const FixtureTick& row) {
          row.browserURL, row.batteryPct, row.acPlugged, row.declaredTask});
 }
 
-SignalsFixture::SignalsFixture(std::filesystem::path path) : path_(std::move(path)), db_(SQLiteDB::open(path_)) {
+namespace {
+
+SQLiteDB openCreatingParent(const std::filesystem::path& path) {
+    if (path.has_parent_path()) std::filesystem::create_directories(path.parent_path());
+    return SQLiteDB::open(path);
+}
+
+}  // namespace
+
+SignalsFixture::SignalsFixture(std::filesystem::path path) : path_(std::move(path)), db_(openCreatingParent(path_)) {
     Schema::createAll(db_);
 }
 

@@ -33,7 +33,7 @@ struct FixtureWindow {
 
 class SignalsFixture {
 public:
-    // Creates the file with every table of the schema.
+    // Creates the file, and its directory, with every table of the schema.
     explicit SignalsFixture(std::filesystem::path path);
 
     SignalsFixture& tick(const FixtureTick& row);
