@@ -1,9 +1,202 @@
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 
+#include <unicode/uchar.h>
+#include <unicode/utf8.h>
+
+#include <algorithm>
+#include <memory>
+#include <string_view>
+#include <vector>
+
+#include "AimwiseCore/privacy/icu_regex.h"
+#include "AimwiseCore/privacy/identifier_normalization.h"
+#include "AimwiseCore/privacy/identifier_validators.h"
+
 namespace aimwise::SensitiveIdentifierRedaction {
 
-// Placeholder until the detectors land: the text passes through unchanged.
-RedactionResult redact(const std::string& text, Scope) { return {text, {}}; }
+namespace {
+
+using Validator = bool (*)(std::u16string_view);
+using Kind = SensitiveIdentifierKind;
+namespace V = IdentifierValidators;
+
+struct Detector {
+    Kind kind;
+    std::unique_ptr<icu::RegexPattern> regex;
+    int32_t group;
+    Validator validate;
+};
+
+struct DetectorSource {
+    const char* name;
+    Kind kind;
+    const char* pattern;
+    int32_t group;
+    Validator validate;
+};
+
+bool alwaysTrue(std::u16string_view) { return true; }
+
+// Order matters: what an earlier detector has replaced, a later one cannot see. The bare 3-2-4 pattern is
+// tried as an ITIN before the routing, account and card detectors and as an SSN only after them, so a
+// number that a stronger detector claims is reported as that.
+const DetectorSource lifeLevelSources[] = {
+    {"life-level detector 1 (IBAN)", Kind::bankAccountNumber,
+     R"re((?:(?<!\w)|(?<=\\[nrt]))([A-Z]{2}\d{2}(?: ?[A-Z0-9]{4}){2,7}(?: ?[A-Z0-9]{1,3})?)\b)re", 1,
+     V::isValidIBAN},
+    {"life-level detector 2 (labelled SSN)", Kind::ssn,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))(?:ssn|ss#|social\s+security(?:\s+(?:number|no\.?|num|#))?)(?:\s*(?:is|:|#|=|-)\s*)?(?:\s|\\[nrt])*(\d{3}(?:[ \t\r\n./-]{1,2})?\d{2}(?:[ \t\r\n./-]{1,2})?\d{4})(?!\d))re",
+     1, V::isValidSSN},
+    {"life-level detector 3 (labelled ITIN)", Kind::ssn,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))itin(?:\s+(?:number|no\.?|num|#))?(?:\s*(?:is|:|#|=|-)\s*)?(?:\s|\\[nrt])*(\d{3}(?:[ \t\r\n./-]{1,2})?\d{2}(?:[ \t\r\n./-]{1,2})?\d{4})(?!\d))re",
+     1, V::isValidITIN},
+    {"life-level detector 4 (bare ITIN)", Kind::ssn,
+     R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{3}-\d{2}-\d{4})(?![\d\-]|[.,]\d))re", 1, V::isValidITIN},
+    {"life-level detector 5 (labelled routing number)", Kind::bankRoutingNumber,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))(?:routing|aba|rtn|transit)(?:\s+(?:number|no\.?|num|#))?(?:\s*(?:is|:|#|=|-)\s*)?(?:\s|\\[nrt])*(\d{3}(?:[ \t\r\n./-]{1,2})?\d{3}(?:[ \t\r\n./-]{1,2})?\d{3})(?!\d))re",
+     1, V::isValidABARoutingNumber},
+    {"life-level detector 6 (labelled account number)", Kind::bankAccountNumber,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))(?:(?:bank|checking|savings|deposit)\s+account(?:\s+(?:number|no\.?|num|#))?|(?:account|acct)\.?(?:\s*(?:number|no\.?|num|#)|(?=\s*:)))(?:\s*(?:is|:|#|=|-)\s*)?(?:\s|\\[nrt])*(\d{2,6}(?:[ -]\d{2,6}){1,4}|\d{4,17})(?![\w\-]|[.,]\d))re",
+     1, V::isPlausibleAccountNumber},
+    {"life-level detector 7 (19-digit card)", Kind::cardNumber,
+     R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{3})(?![\d\-]|[.,]\d))re",
+     1, V::isValidCardNumber},
+    {"life-level detector 8 (card)", Kind::cardNumber,
+     R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}|\d{4}[ \t\r\n./-]{1,2}\d{6}[ \t\r\n./-]{1,2}\d{4,5}|\d{15,16})(?![\d\-]|[.,]\d))re",
+     1, V::isValidCardNumber},
+    {"life-level detector 9 (labelled card)", Kind::cardNumber,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))(?:card(?:\s*(?:number|no\.?|#))?|visa|mastercard|amex|discover)(\d{4}(?:[ \t\r\n./-]{1,2})?\d{4}(?:[ \t\r\n./-]{1,2})?\d{4}(?:[ \t\r\n./-]{1,2})?\d{4}(?:(?:[ \t\r\n./-]{1,2})?\d{3})?|\d{4}(?:[ \t\r\n./-]{1,2})?\d{6}(?:[ \t\r\n./-]{1,2})?\d{4,5})(?![\d\-]|[.,]\d))re",
+     1, V::isValidCardNumber},
+    {"life-level detector 10 (bare SSN)", Kind::ssn,
+     R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{3}-\d{2}-\d{4})(?![\d\-]|[.,]\d))re", 1, V::isValidSSN},
+};
+
+const DetectorSource credentialSources[] = {
+    {"credential detector 1 (private key block)", Kind::credential,
+     R"re(-{4,5}BEGIN (?:[A-Z0-9]+ )*PRIVATE KEY(?: BLOCK)?-{4,5}[\s\S]*?(?:-{4,5}END (?:[A-Z0-9]+ )*PRIVATE KEY(?: BLOCK)?-{4,5}|\z))re",
+     0, alwaysTrue},
+    {"credential detector 2 (vendor token)", Kind::credential,
+     R"re((?:(?<!\w)|(?<=\\[nrt]))(?:(?:sk|rk)_(?:live|test)_[A-Za-z0-9]{16,}|gh[pousr]_[A-Za-z0-9]{36,}|github_pat_[A-Za-z0-9_]{22,}|xox[abposr]-[A-Za-z0-9-]{10,}|xapp-\d-[A-Za-z0-9-]{10,}|hf_[A-Za-z0-9]{20,}|glpat-[A-Za-z0-9_-]{20,}|ya29\.[A-Za-z0-9_-]{20,}|AIza[0-9A-Za-z_-]{35}|(?:AKIA|ASIA)[A-Z0-9]{16})\b)re",
+     0, alwaysTrue},
+    {"credential detector 3 (sk- key)", Kind::credential,
+     R"re((?:(?<!\w)|(?<=\\[nrt]))sk-(?:[A-Za-z0-9_-]{8,}\r?\n[A-Za-z0-9_-]{8,}|[A-Za-z0-9_-]{20,}))re", 0,
+     V::mixesLettersAndDigits},
+    {"credential detector 4 (JSON web token)", Kind::credential,
+     R"re((?:(?<!\w)|(?<=\\[nrt]))eyJ[A-Za-z0-9_-]{10,}\.eyJ[A-Za-z0-9_-]{10,}\.[A-Za-z0-9_-]{10,})re", 0,
+     alwaysTrue},
+    {"credential detector 5 (bearer token)", Kind::credential,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))Bearer\s+([A-Za-z0-9._~+/=-]{20,}))re", 1, V::mixesLettersAndDigits},
+    {"credential detector 6 (basic authorization)", Kind::credential,
+     R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))Authorization:\s*Basic\s+([A-Za-z0-9+/]{16,}={0,2}))re", 1, alwaysTrue},
+    {"credential detector 7 (secret field)", Kind::credential,
+     R"re((?i)(?:(?<![A-Za-z0-9])|(?<=\\[nrt]))(?:api[_-]?key|secret[_-]?(?:access[_-]?)?key|access[_-]?token|auth[_-]?token|client[_-]?secret|password|passwd)\b"?\s*[:=]\s*"?([^\s"',;()\[\]{}&?#]{8,}))re",
+     1, V::hasNumericAndNoDot},
+};
+
+template <size_t N>
+void compileInto(std::vector<Detector>& out, const DetectorSource (&sources)[N]) {
+    for (const auto& source : sources)
+        out.push_back({source.kind, privacy_icu::compileOrAbort(source.name, source.pattern), source.group,
+                       source.validate});
+}
+
+struct DetectorLists {
+    std::vector<Detector> lifeLevel;
+    // The credential detectors followed by the life-level ones.
+    std::vector<Detector> outbound;
+};
+
+const DetectorLists& detectors() {
+    static const DetectorLists lists = [] {
+        DetectorLists built;
+        compileInto(built.lifeLevel, lifeLevelSources);
+        compileInto(built.outbound, credentialSources);
+        compileInto(built.outbound, lifeLevelSources);
+        return built;
+    }();
+    return lists;
+}
+
+// Replaces every validated match in `current`; true when something was replaced.
+bool apply(const Detector& detector, const NormalizedIdentifierText& normalized, std::u16string& current,
+           RedactionReport& report) {
+    std::u16string_view seen = normalized.text();
+    icu::UnicodeString haystack = privacy_icu::alias(seen);
+    std::vector<privacy_icu::Range> accepted;
+    for (const auto& range : privacy_icu::findAllAccepted(*detector.regex, haystack, detector.group,
+                                                          [&](privacy_icu::Range value) {
+                                                              return detector.validate(seen.substr(
+                                                                  size_t(value.start), size_t(value.end - value.start)));
+                                                          })) {
+        auto [start, end] = normalized.originalRange(range.start, range.end);
+        accepted.push_back({start, end});
+    }
+    if (accepted.empty()) return false;
+    const std::string_view tokenText = token(detector.kind);
+    const std::u16string replacement(tokenText.begin(), tokenText.end());
+    // Last to first, so the earlier ranges stay valid.
+    for (auto it = accepted.rbegin(); it != accepted.rend(); ++it)
+        current.replace(size_t(it->start), size_t(it->end - it->start), replacement);
+    report.add(detector.kind, int64_t(accepted.size()));
+    return true;
+}
+
+struct Scan {
+    bool numeric = false;
+    bool wellFormed = true;
+};
+
+// Every life-level pattern needs a digit, so text without any numeric character needs no regex work.
+Scan scanUTF8(const std::string& text) {
+    Scan scan;
+    const auto* bytes = reinterpret_cast<const uint8_t*>(text.data());
+    const int32_t length = int32_t(text.size());
+    for (int32_t i = 0; i < length;) {
+        uint8_t byte = bytes[i];
+        if (byte < 0x80) {
+            if (byte >= '0' && byte <= '9') scan.numeric = true;
+            ++i;
+            continue;
+        }
+        UChar32 c;
+        U8_NEXT(bytes, i, length, c);
+        if (c < 0) {
+            scan.wellFormed = false;
+        } else if (u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE) {
+            scan.numeric = true;
+        }
+        if (scan.numeric) break;
+    }
+    return scan;
+}
+
+}  // namespace
+
+void prepare() { (void)detectors(); }
+
+RedactionResult redact(const std::string& text, Scope scope) {
+    if (scope == Scope::lifeLevel) {
+        Scan scan = scanUTF8(text);
+        if (!scan.numeric) return {scan.wellFormed ? text : privacy_icu::toUTF8(privacy_icu::toUTF16(text)), {}};
+    }
+    const auto& list = scope == Scope::outbound ? detectors().outbound : detectors().lifeLevel;
+    std::u16string current = privacy_icu::toUTF16(text);
+    RedactionReport report;
+    auto plain = NormalizedIdentifierText::build(current, FormatCharacters::kept);
+    for (const Detector& detector : list) {
+        // With invisible characters present, the form without them goes first: through the plain form a
+        // detector would match only the digits before a zero-width space and leave the rest visible. The
+        // plain form still follows, for values that an invisible character merely ends.
+        if (plain.containsFormatCharacters()) {
+            auto removed = NormalizedIdentifierText::build(current, FormatCharacters::removed);
+            if (apply(detector, removed, current, report))
+                plain = NormalizedIdentifierText::build(current, FormatCharacters::kept);
+        }
+        if (apply(detector, plain, current, report))
+            plain = NormalizedIdentifierText::build(current, FormatCharacters::kept);
+    }
+    return {privacy_icu::toUTF8(current), std::move(report)};
+}
 
 std::optional<std::string> redact(const std::optional<std::string>& text, Scope scope, RedactionReport& into) {
     if (!text) return std::nullopt;

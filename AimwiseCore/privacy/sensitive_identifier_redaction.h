@@ -14,11 +14,20 @@ struct RedactionResult {
 
 namespace SensitiveIdentifierRedaction {
 
-enum class Scope { lifeLevel, outbound };
+enum class Scope {
+    // Stays on the machine but lands in a lasting record: ordinary life identifiers only.
+    lifeLevel,
+    // About to leave the machine: credentials as well.
+    outbound,
+};
 
+// Text is UTF-8; ill-formed sequences come back as U+FFFD.
 RedactionResult redact(const std::string& text, Scope scope);
 // Absent in, absent out; otherwise the report is merged into `into`.
 std::optional<std::string> redact(const std::optional<std::string>& text, Scope scope, RedactionReport& into);
+
+// Compiles every detector now rather than on first use, e.g. before a latency-sensitive loop.
+void prepare();
 
 }  // namespace SensitiveIdentifierRedaction
 }  // namespace aimwise
