@@ -146,14 +146,30 @@ ScriptedModelServer::ScriptedModelServer(Transport transport) : transport_(trans
         std::string pattern = (std::filesystem::temp_directory_path() / "scripted-llama-XXXXXX").string();
         if (!::mkdtemp(pattern.data())) throw std::runtime_error("mkdtemp failed");
         socketDirectory_ = pattern;
-        socketPath_ = socketDirectory_ / "llama.sock";
-        listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
-        sockaddr_un address{};
-        address.sun_family = AF_UNIX;
-        std::strncpy(address.sun_path, socketPath_.c_str(), sizeof address.sun_path - 1);
-        if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
-            throw std::runtime_error(std::string("bind failed: ") + std::strerror(errno));
+        listenOnUnixSocket(socketDirectory_ / "llama.sock");
+        return;
     }
+    if (::listen(listenFd_, 64) != 0) throw std::runtime_error("listen failed");
+    acceptThread_ = std::thread([this] { acceptLoop(); });
+}
+
+ScriptedModelServer::ScriptedModelServer(const std::filesystem::path& socketPath) : transport_(Transport::unixSocket) {
+    if (::pipe2(wakePipe_, O_CLOEXEC) != 0) throw std::runtime_error("pipe failed");
+    std::filesystem::create_directories(socketPath.parent_path());
+    listenOnUnixSocket(socketPath);
+}
+
+void ScriptedModelServer::listenOnUnixSocket(const std::filesystem::path& path) {
+    socketPath_ = path;
+    std::error_code ignored;
+    std::filesystem::remove(path, ignored);  // a stale socket from an earlier run
+    listenFd_ = ::socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0);
+    sockaddr_un address{};
+    address.sun_family = AF_UNIX;
+    if (path.native().size() >= sizeof address.sun_path) throw std::runtime_error("socket path too long: " + path.string());
+    std::strncpy(address.sun_path, path.c_str(), sizeof address.sun_path - 1);
+    if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), sizeof address) != 0)
+        throw std::runtime_error(std::string("bind failed: ") + std::strerror(errno));
     if (::listen(listenFd_, 64) != 0) throw std::runtime_error("listen failed");
     acceptThread_ = std::thread([this] { acceptLoop(); });
 }
@@ -172,10 +188,11 @@ ScriptedModelServer::~ScriptedModelServer() {
     ::close(listenFd_);
     ::close(wakePipe_[0]);
     ::close(wakePipe_[1]);
-    if (!socketDirectory_.empty()) {
-        std::error_code error;
+    std::error_code error;
+    if (!socketDirectory_.empty())
         std::filesystem::remove_all(socketDirectory_, error);
-    }
+    else if (!socketPath_.empty())
+        std::filesystem::remove(socketPath_, error);
 }
 
 EndpointURL ScriptedModelServer::baseURL() const {

@@ -65,6 +65,8 @@ public:
 
     // Listens at once; the unix socket is created in a fresh temporary directory.
     explicit ScriptedModelServer(Transport transport);
+    // A unix-socket server at a path of the test's choosing (the default socket under a support dir).
+    explicit ScriptedModelServer(const std::filesystem::path& socketPath);
     ~ScriptedModelServer();
     ScriptedModelServer(const ScriptedModelServer&) = delete;
     ScriptedModelServer& operator=(const ScriptedModelServer&) = delete;
@@ -101,6 +103,7 @@ public:
                                                    const std::string& finishReason = "stop");
 
 private:
+    void listenOnUnixSocket(const std::filesystem::path& path);
     void acceptLoop();
     void serve(int fd);
     Reply replyFor(const Request& request);

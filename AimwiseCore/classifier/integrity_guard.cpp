@@ -1,0 +1,284 @@
+#include "AimwiseCore/classifier/integrity_guard.h"
+
+#include <fcntl.h>
+#include <openssl/rand.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <cerrno>
+#include <ctime>
+#include <nlohmann/json.hpp>
+
+#include "AimwiseCore/events/iso8601.h"
+#include "AimwiseCore/models/local_inference_wire.h"
+#include "AimwiseCore/models/model_backend_error.h"
+#include "CaptureShared/dataroot/data_paths.h"
+
+namespace aimwise::ModelIntegrityGuard {
+
+namespace {
+
+using json = nlohmann::json;
+
+// Seconds between 1970-01-01 and 2001-01-01.
+constexpr int64_t referenceDateOffsetSec = 978'307'200;
+
+std::string quoted(const std::string& text) {
+    std::string out = "\"";
+    for (char c : text) {
+        if (c == '"' || c == '\\') out += '\\';
+        out += c;
+    }
+    return out + "\"";
+}
+
+std::string isoInstant(int64_t atMs) {
+    int64_t seconds = atMs >= 0 ? atMs / 1000 : (atMs - 999) / 1000;
+    time_t time = static_cast<time_t>(seconds);
+    tm parts{};
+    gmtime_r(&time, &parts);
+    char text[64];
+    std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900, parts.tm_mon + 1,
+                  parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<int>(atMs - seconds * 1000));
+    return text;
+}
+
+std::string uuid() {
+    unsigned char bytes[16];
+    if (RAND_bytes(bytes, sizeof bytes) != 1)
+        for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(std::rand());
+    bytes[6] = (bytes[6] & 0x0F) | 0x40;
+    bytes[8] = (bytes[8] & 0x3F) | 0x80;
+    static constexpr char hex[] = "0123456789ABCDEF";
+    std::string out;
+    for (int i = 0; i < 16; ++i) {
+        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
+        out += hex[bytes[i] >> 4];
+        out += hex[bytes[i] & 15];
+    }
+    return out;
+}
+
+[[noreturn]] void throwErrno(const std::string& what, const std::filesystem::path& path) {
+    throw std::filesystem::filesystem_error(what, path, std::error_code(errno, std::generic_category()));
+}
+
+}  // namespace
+
+FileCheck integrityFileCheck(const std::optional<LocalModelManifest>& manifest, const LocalModelStore& store) {
+    if (!manifest) return {FileCheck::UnknownModel{}};
+    LocalModelDiskState state = store.diskState(*manifest);
+    if (std::holds_alternative<LocalModelDiskState::Missing>(state.value)) return {FileCheck::Missing{}};
+    if (std::holds_alternative<LocalModelDiskState::Verified>(state.value)) return {FileCheck::Verified{}};
+    std::string names;
+    for (const std::string& name : std::get<LocalModelDiskState::NeedsVerification>(state.value).names)
+        names += (names.empty() ? "" : ", ") + name;
+    return {FileCheck::Stale{names}};
+}
+
+std::string describe(const FileCheck& check) {
+    if (auto* stale = std::get_if<FileCheck::Stale>(&check.value)) return "stale(" + quoted(stale->text) + ")";
+    if (std::holds_alternative<FileCheck::Verified>(check.value)) return "verified";
+    if (std::holds_alternative<FileCheck::Missing>(check.value)) return "missing";
+    return "unknownModel";
+}
+
+std::string describe(const Verdict& verdict) {
+    if (auto* matches = std::get_if<Verdict::Matches>(&verdict.value)) return "matches(path: " + quoted(matches->path) + ")";
+    if (auto* other = std::get_if<Verdict::ServingOtherFile>(&verdict.value))
+        return "servingOtherFile(expected: " + quoted(other->expected) + ", actual: " + quoted(other->actual) + ")";
+    if (auto* changed = std::get_if<Verdict::FileChanged>(&verdict.value))
+        return "fileChanged(" + quoted(changed->text) + ")";
+    if (auto* unknown = std::get_if<Verdict::UnknownModel>(&verdict.value))
+        return "unknownModel(servedPath: " + quoted(unknown->servedPath) + ")";
+    return "modelAbsent";
+}
+
+std::string_view rawValue(RefusalNote::Kind kind) {
+    return kind == RefusalNote::Kind::modelReplaced ? "modelReplaced" : "cannotVerify";
+}
+
+std::filesystem::path refusalNotePath() { return DataPaths::supportDir() / refusalNoteFileName; }
+
+std::optional<std::string> parseServedModelPath(std::string_view body) {
+    json value = json::parse(body, nullptr, false);
+    if (!value.is_object()) return std::nullopt;
+    auto path = value.find("model_path");
+    if (path == value.end() || !path->is_string() || path->get_ref<const std::string&>().empty()) return std::nullopt;
+    return path->get<std::string>();
+}
+
+std::string fetchServedModelPath(const EndpointURL& base, HTTPSession& session) {
+    HTTPRequest request;
+    request.url = base.appendingPath("props");
+    request.timeoutSec = 5.0;
+    LocalInferenceWire::requireLocalDestination(request.url);
+    HTTPResponse response;
+    try {
+        response = session.send(request);
+    } catch (const HTTPTransportFailure& failure) {
+        throw ModelBackendError::transportError(failure.description());
+    }
+    if (response.status < 200 || response.status > 299)
+        throw ModelBackendError::httpError(response.status, utf8OrEmpty(response.body));
+    if (auto path = parseServedModelPath(response.body)) return *path;
+    throw ModelBackendError::invalidResponse("llama-server /props carried no model_path: " + utf8OrEmpty(response.body));
+}
+
+bool samePath(const std::string& a, const std::string& b) {
+    auto standardised = [](const std::string& path) {
+        std::error_code error;
+        std::filesystem::path absolute = std::filesystem::absolute(path, error);
+        if (error) absolute = path;
+        std::filesystem::path resolved = std::filesystem::weakly_canonical(absolute, error);
+        if (error) resolved = absolute;
+        std::string text = resolved.lexically_normal().string();
+        while (text.size() > 1 && text.back() == '/') text.pop_back();
+        return text;
+    };
+    return standardised(a) == standardised(b);
+}
+
+Verdict evaluate(const std::optional<std::string>& expectedPath, const FileCheck& fileCheck,
+                 const std::string& servedPath) {
+    if (std::holds_alternative<FileCheck::Verified>(fileCheck.value)) {
+        if (!expectedPath) return {Verdict::UnknownModel{servedPath}};
+        if (samePath(*expectedPath, servedPath)) return {Verdict::Matches{servedPath}};
+        return {Verdict::ServingOtherFile{*expectedPath, servedPath}};
+    }
+    if (std::holds_alternative<FileCheck::Missing>(fileCheck.value)) return {Verdict::ModelAbsent{}};
+    if (std::holds_alternative<FileCheck::UnknownModel>(fileCheck.value)) return {Verdict::UnknownModel{servedPath}};
+    return {Verdict::FileChanged{std::get<FileCheck::Stale>(fileCheck.value).text}};
+}
+
+Verdict verify(const std::optional<std::string>& expectedPath, const FileCheck& fileCheck, const EndpointURL& base,
+               HTTPSession& session) {
+    return evaluate(expectedPath, fileCheck, fetchServedModelPath(base, session));
+}
+
+TickDecision tickDecision(const std::string& model, const Verdict& verdict, int64_t nowMs) {
+    TickDecision decision;
+    if (auto* other = std::get_if<Verdict::ServingOtherFile>(&verdict.value)) {
+        decision.refusal = "REFUSING TO JUDGE (#986): the local server is serving " + other->actual +
+                           ", not the verified " + other->expected + " for " + model +
+                           ". Something else may be listening on the model port, or the server wasn't restarted "
+                           "after a model change. Not sending a screenshot to it.";
+        decision.note = RefusalNote{RefusalNote::Kind::modelReplaced, model,
+                                    "Paused: the local model server isn't running the " + model +
+                                        " files Veska downloaded. Download the model again to resume.",
+                                    nowMs};
+    } else if (auto* changed = std::get_if<Verdict::FileChanged>(&verdict.value)) {
+        decision.refusal = "REFUSING TO JUDGE (#986): " + model + "'s files changed on disk since they were verified (" +
+                           changed->text + "). Not sending a screenshot to it.";
+        decision.note = RefusalNote{RefusalNote::Kind::modelReplaced, model,
+                                    "Paused: " + model +
+                                        "'s files changed since they were checked. Download the model again to resume.",
+                                    nowMs};
+    } else if (auto* unknown = std::get_if<Verdict::UnknownModel>(&verdict.value)) {
+        decision.warnings.push_back("model integrity (#986): " + model +
+                                    " has no Veska download to verify against (custom AIMCHECK_MODEL?); the server "
+                                    "reports " +
+                                    unknown->servedPath + " — judging without an identity check");
+    } else if (std::holds_alternative<Verdict::ModelAbsent>(verdict.value)) {
+        decision.refusal = "REFUSING TO JUDGE (#986): " + model +
+                           " isn't downloaded, so there is nothing verified to judge with. Not sending a screenshot.";
+    }
+    return decision;
+}
+
+std::string encodeRefusalNote(const RefusalNote& note) {
+    json value = {{"kind", std::string(rawValue(note.kind))},
+                  {"model", note.model},
+                  {"message", note.message},
+                  {"at", isoInstant(note.atMs)}};
+    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+}
+
+void writeRefusalNote(const RefusalNote& note, const std::filesystem::path& to) {
+    writeOwnerOnly(encodeRefusalNote(note), to);
+}
+
+std::optional<RefusalNote> readRefusalNote(const std::filesystem::path& from) {
+    int fd = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
+    if (fd < 0) return std::nullopt;
+    std::string text;
+    char buffer[4096];
+    for (ssize_t count; (count = ::read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, count);
+    ::close(fd);
+    json value = json::parse(text, nullptr, false);
+    if (!value.is_object()) return std::nullopt;
+    auto string = [&](const char* key) -> std::optional<std::string> {
+        auto found = value.find(key);
+        if (found == value.end() || !found->is_string()) return std::nullopt;
+        return found->get<std::string>();
+    };
+    RefusalNote note;
+    std::optional<std::string> kind = string("kind"), model = string("model"), message = string("message");
+    if (!kind || !model || !message) return std::nullopt;
+    if (*kind == "modelReplaced")
+        note.kind = RefusalNote::Kind::modelReplaced;
+    else if (*kind == "cannotVerify")
+        note.kind = RefusalNote::Kind::cannotVerify;
+    else
+        return std::nullopt;
+    note.model = *model;
+    note.message = *message;
+    auto at = value.find("at");
+    if (at == value.end()) return std::nullopt;
+    if (at->is_string()) {
+        std::optional<int64_t> ms = Iso8601::parseInternetDateTime(at->get<std::string>());
+        if (!ms) return std::nullopt;
+        note.atMs = *ms;
+    } else if (at->is_number()) {
+        note.atMs = static_cast<int64_t>((at->get<double>() + referenceDateOffsetSec) * 1000.0);
+    } else {
+        return std::nullopt;
+    }
+    return note;
+}
+
+void clearRefusalNote(const std::filesystem::path& at) {
+    std::error_code ignored;
+    std::filesystem::remove(at, ignored);
+}
+
+void writeOwnerOnly(std::string_view data, const std::filesystem::path& to) {
+    std::filesystem::path directory = to.parent_path().empty() ? std::filesystem::path(".") : to.parent_path();
+    if (!std::filesystem::exists(directory)) {
+        std::filesystem::create_directories(directory);
+        std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
+    }
+    std::string name = to.filename().string();
+    name.insert(0, 1, '.');
+    name.append(".").append(uuid()).append(".tmp");
+    std::filesystem::path temporary = directory / name;
+    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
+    if (fd < 0) throwErrno("could not create", temporary);
+    size_t written = 0;
+    while (written < data.size()) {
+        ssize_t count = ::write(fd, data.data() + written, data.size() - written);
+        if (count < 0 && errno == EINTR) continue;
+        if (count <= 0) {
+            int saved = errno;
+            ::close(fd);
+            ::unlink(temporary.c_str());
+            errno = saved;
+            throwErrno("could not write", temporary);
+        }
+        written += static_cast<size_t>(count);
+    }
+    if (::fchmod(fd, 0600) != 0 || ::close(fd) != 0) {
+        int saved = errno;
+        ::unlink(temporary.c_str());
+        errno = saved;
+        throwErrno("could not finish", temporary);
+    }
+    if (::rename(temporary.c_str(), to.c_str()) != 0) {
+        int saved = errno;
+        ::unlink(temporary.c_str());
+        errno = saved;
+        throwErrno("could not replace", to);
+    }
+}
+
+}  // namespace aimwise::ModelIntegrityGuard
