@@ -20,6 +20,9 @@ inline constexpr std::array<char32_t, 15> doubleQuotes = {0x0022, 0x201C, 0x201D
 // `cap` counts user-perceived characters; a longer result is cut and ends with "…".
 std::string sanitize(const std::string& text, std::optional<int> cap = std::nullopt);
 std::optional<std::string> sanitize(const std::optional<std::string>& text, std::optional<int> cap = std::nullopt);
+inline std::string sanitize(const char* text, std::optional<int> cap = std::nullopt) {
+    return sanitize(std::string(text), cap);
+}
 // The sanitised text between two U+0022 characters.
 std::string quoted(const std::string& text, std::optional<int> cap = std::nullopt);
 
