@@ -187,11 +187,11 @@ TickDecision tickDecision(const std::string& model, const Verdict& verdict, int6
 }
 
 std::string encodeRefusalNote(const RefusalNote& note) {
-    json value = {{"kind", std::string(rawValue(note.kind))},
+    nlohmann::ordered_json value = {{"kind", std::string(rawValue(note.kind))},
                   {"model", note.model},
                   {"message", note.message},
                   {"at", isoInstant(note.atMs)}};
-    return value.dump(-1, ' ', false, json::error_handler_t::replace);
+    return value.dump(-1, ' ', false, nlohmann::ordered_json::error_handler_t::replace);
 }
 
 void writeRefusalNote(const RefusalNote& note, const std::filesystem::path& to) {
