@@ -21,6 +21,7 @@ struct Verb {
 // Compared as exact, case-sensitive text, in this order.
 constexpr Verb verbTable[] = {
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
+    {"integrity", aimwise::verbs::runIntegrity},
     {"staleness", aimwise::verbs::runStaleness},
 };
 

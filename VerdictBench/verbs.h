@@ -5,6 +5,7 @@
 namespace aimwise::verbs {
 
 int runPyReprSelftest(const cli::Invocation& invocation);
+int runIntegrity(const cli::Invocation& invocation);
 int runStaleness(const cli::Invocation& invocation);
 
 }  // namespace aimwise::verbs
