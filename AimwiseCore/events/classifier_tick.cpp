@@ -6,45 +6,46 @@
 
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/events/event_log_event.h"
-#include "AimwiseCore/events/json_value_bridge.h"
+#include "AimwiseCore/events/json_text.h"
 
 namespace aimwise {
 
 namespace {
 
-using nlohmann::json;
-
-bool takeString(const json& object, const char* key, std::optional<std::string>& out) {
+// Null counts as absent; any other type but the expected one fails the line.
+bool takeString(const JSONValue::Object& object, const char* key, std::optional<std::string>& out) {
     const auto it = object.find(key);
-    if (it == object.end() || it->is_null()) return true;
-    if (!it->is_string()) return false;
-    out = it->get<std::string>();
+    if (it == object.end() || it->second.isNull()) return true;
+    const auto* text = it->second.stringIfAny();
+    if (!text) return false;
+    out = *text;
     return true;
 }
 
-bool takeDouble(const json& object, const char* key, std::optional<double>& out) {
+bool takeDouble(const JSONValue::Object& object, const char* key, std::optional<double>& out) {
     const auto it = object.find(key);
-    if (it == object.end() || it->is_null()) return true;
-    if (!it->is_number()) return false;
-    out = it->get<double>();
+    if (it == object.end() || it->second.isNull()) return true;
+    const auto* number = it->second.numberIfAny();
+    if (!number) return false;
+    out = *number;
     return true;
 }
 
-bool takeMilliseconds(const json& object, const char* key, std::optional<int64_t>& out) {
+bool takeMilliseconds(const JSONValue::Object& object, const char* key, std::optional<int64_t>& out) {
     const auto it = object.find(key);
-    if (it == object.end() || it->is_null()) return true;
-    if (it->is_number_integer() && !it->is_number_unsigned()) {
-        out = it->get<int64_t>();
-        return true;
-    }
-    if (!it->is_number()) return false;
-    out = wholeMilliseconds(it->get<double>());
+    if (it == object.end() || it->second.isNull()) return true;
+    const auto* number = it->second.numberIfAny();
+    if (!number) return false;
+    out = wholeMilliseconds(*number);
     return out.has_value();
 }
 
-template <typename T>
-void put(nlohmann::ordered_json& object, const char* key, const std::optional<T>& value) {
-    if (value) object[key] = *value;
+void putString(std::string& line, const char* key, const std::optional<std::string>& value) {
+    if (!value) return;
+    line += ",\"";
+    line += key;
+    line += "\":";
+    json_text::appendString(line, *value);
 }
 
 }  // namespace
@@ -75,45 +76,45 @@ std::optional<ClassifierFrameInstant> ClassifierTick::frameInstant() const {
 }
 
 std::optional<ClassifierTick> ClassifierTick::decode(std::string_view line) {
-    const auto parsed = json_bridge::parseJSON(line);
-    if (!parsed || !parsed->is_object()) return std::nullopt;
-    const json& object = *parsed;
-    const auto at = object.find("at");
-    if (at == object.end() || !at->is_string()) return std::nullopt;
+    const auto parsed = json_text::parse(line);
+    if (!parsed) return std::nullopt;
+    const auto* object = parsed->objectIfAny();
+    if (!object) return std::nullopt;
+    const auto at = object->find("at");
+    if (at == object->end() || !at->second.stringIfAny()) return std::nullopt;
     ClassifierTick tick;
-    tick.at = at->get<std::string>();
-    const bool ok = takeString(object, "state", tick.state) && takeString(object, "frontmost_app", tick.frontmostApp) &&
-                    takeString(object, "frontmost_window_title", tick.frontmostWindowTitle) &&
-                    takeString(object, "browser_title", tick.browserTitle) && takeString(object, "reason", tick.reason) &&
-                    takeDouble(object, "confidence", tick.confidence) &&
-                    takeString(object, "declared_task", tick.declaredTask) && takeString(object, "model", tick.model) &&
-                    takeMilliseconds(object, "screenshot_at_ms", tick.screenshotAtMs) &&
-                    takeString(object, "reason_check", tick.reasonCheck) &&
-                    takeString(object, "content_withheld_for_denylist", tick.contentWithheldForDenylist);
+    tick.at = *at->second.stringIfAny();
+    const bool ok = takeString(*object, "state", tick.state) && takeString(*object, "frontmost_app", tick.frontmostApp) &&
+                    takeString(*object, "frontmost_window_title", tick.frontmostWindowTitle) &&
+                    takeString(*object, "browser_title", tick.browserTitle) && takeString(*object, "reason", tick.reason) &&
+                    takeDouble(*object, "confidence", tick.confidence) &&
+                    takeString(*object, "declared_task", tick.declaredTask) && takeString(*object, "model", tick.model) &&
+                    takeMilliseconds(*object, "screenshot_at_ms", tick.screenshotAtMs) &&
+                    takeString(*object, "reason_check", tick.reasonCheck) &&
+                    takeString(*object, "content_withheld_for_denylist", tick.contentWithheldForDenylist);
     if (!ok) return std::nullopt;
     return tick;
 }
 
 std::string ClassifierTick::encoded() const {
-    if (confidence && !std::isfinite(*confidence)) throw JSONValueError("could not encode a non-finite confidence");
-    nlohmann::ordered_json object = nlohmann::ordered_json::object();
-    object["at"] = at;
-    put(object, "state", state);
-    put(object, "frontmost_app", frontmostApp);
-    put(object, "frontmost_window_title", frontmostWindowTitle);
-    put(object, "browser_title", browserTitle);
-    put(object, "reason", reason);
-    put(object, "confidence", confidence);
-    put(object, "declared_task", declaredTask);
-    put(object, "model", model);
-    put(object, "screenshot_at_ms", screenshotAtMs);
-    put(object, "reason_check", reasonCheck);
-    put(object, "content_withheld_for_denylist", contentWithheldForDenylist);
-    try {
-        return object.dump();
-    } catch (const nlohmann::json::exception& error) {
-        throw JSONValueError(error.what());
+    std::string line = "{\"at\":";
+    json_text::appendString(line, at);
+    putString(line, "state", state);
+    putString(line, "frontmost_app", frontmostApp);
+    putString(line, "frontmost_window_title", frontmostWindowTitle);
+    putString(line, "browser_title", browserTitle);
+    putString(line, "reason", reason);
+    if (confidence) {
+        line += ",\"confidence\":";
+        json_text::appendNumber(line, *confidence);
     }
+    putString(line, "declared_task", declaredTask);
+    putString(line, "model", model);
+    if (screenshotAtMs) line += ",\"screenshot_at_ms\":" + std::to_string(*screenshotAtMs);
+    putString(line, "reason_check", reasonCheck);
+    putString(line, "content_withheld_for_denylist", contentWithheldForDenylist);
+    line.push_back('}');
+    return line;
 }
 
 }  // namespace aimwise

@@ -12,7 +12,7 @@
 #include <mutex>
 
 #include "AimwiseCore/events/file_io.h"
-#include "AimwiseCore/events/json_value_bridge.h"
+#include "AimwiseCore/events/json_text.h"
 #include "CaptureShared/dataroot/data_paths.h"
 
 namespace aimwise::EventLog {
@@ -48,18 +48,15 @@ std::optional<std::optional<std::string>> acceptedTaskLine(std::string_view line
     // Most lines mention neither word, and a byte search is far cheaper than a parse.
     if (line.find("task_declared") == std::string_view::npos && line.find("task_cleared") == std::string_view::npos)
         return std::nullopt;
-    const auto json = json_bridge::parseJSON(line);
-    if (!json || !json->is_object()) return std::nullopt;
-    const auto type = json->find("type");
-    if (type == json->end() || !type->is_string() || !isTaskType(type->get_ref<const std::string&>()))
-        return std::nullopt;
-    const auto ts = json->find("ts_ms");
-    if (ts == json->end() || !ts->is_number()) return std::optional<std::string>{};
-    std::optional<JSONValue> detail;
-    if (const auto it = json->find("detail"); it != json->end()) detail = json_bridge::fromJSON(*it);
-    const double tsMs = ts->get<double>();
-    if (!std::isfinite(tsMs) || std::fabs(tsMs) > 9.2e18) return std::optional<std::string>{};
-    return taskFileBody(type->get_ref<const std::string&>(), detail ? &*detail : nullptr, static_cast<int64_t>(tsMs));
+    const auto parsed = json_text::parse(line);
+    if (!parsed) return std::nullopt;
+    const auto* type = parsed->member("type");
+    if (!type || !type->stringIfAny() || !isTaskType(*type->stringIfAny())) return std::nullopt;
+    const auto* ts = parsed->member("ts_ms");
+    if (!ts || !ts->numberIfAny()) return std::optional<std::string>{};
+    const double tsMs = *ts->numberIfAny();
+    if (std::fabs(tsMs) > 9.2e18) return std::optional<std::string>{};
+    return taskFileBody(*type->stringIfAny(), parsed->member("detail"), static_cast<int64_t>(tsMs));
 }
 
 struct ScanResult {

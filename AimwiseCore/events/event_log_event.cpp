@@ -2,7 +2,7 @@
 
 #include <cmath>
 
-#include "AimwiseCore/events/json_value_bridge.h"
+#include "AimwiseCore/events/json_text.h"
 
 namespace aimwise {
 
@@ -15,46 +15,40 @@ std::optional<int64_t> wholeMilliseconds(double number) {
 }
 
 std::optional<EventLogEvent> EventLogEvent::decode(std::string_view line) {
-    const auto json = json_bridge::parseJSON(line);
-    if (!json || !json->is_object()) return std::nullopt;
-    const auto ts = json->find("ts_ms");
-    const auto kind = json->find("kind");
-    const auto type = json->find("type");
-    const auto detail = json->find("detail");
-    const auto source = json->find("source");
-    if (ts == json->end() || kind == json->end() || type == json->end() || detail == json->end() ||
-        source == json->end())
+    auto parsed = json_text::parse(line);
+    if (!parsed) return std::nullopt;
+    auto* object = std::get_if<JSONValue::Object>(&parsed->value);
+    if (!object) return std::nullopt;
+    const auto ts = object->find("ts_ms");
+    const auto kind = object->find("kind");
+    const auto type = object->find("type");
+    const auto detail = object->find("detail");
+    const auto source = object->find("source");
+    if (ts == object->end() || kind == object->end() || type == object->end() || detail == object->end() ||
+        source == object->end())
         return std::nullopt;
-    if (!ts->is_number() || !kind->is_string() || !type->is_string() || !source->is_string()) return std::nullopt;
-    EventLogEvent event;
-    if (ts->is_number_integer() && !ts->is_number_unsigned()) {
-        event.tsMs = ts->get<int64_t>();
-    } else {
-        const auto whole = wholeMilliseconds(ts->get<double>());
-        if (!whole) return std::nullopt;
-        event.tsMs = *whole;
-    }
-    auto converted = json_bridge::fromJSON(*detail);
-    if (!converted) return std::nullopt;
-    event.kind = kind->get<std::string>();
-    event.type = type->get<std::string>();
-    event.detail = std::move(*converted);
-    event.source = source->get<std::string>();
-    return event;
+    const double* tsNumber = ts->second.numberIfAny();
+    auto* kindText = std::get_if<std::string>(&kind->second.value);
+    auto* typeText = std::get_if<std::string>(&type->second.value);
+    auto* sourceText = std::get_if<std::string>(&source->second.value);
+    if (!tsNumber || !kindText || !typeText || !sourceText) return std::nullopt;
+    const auto tsMs = wholeMilliseconds(*tsNumber);
+    if (!tsMs) return std::nullopt;
+    return EventLogEvent{*tsMs, std::move(*kindText), std::move(*typeText), std::move(detail->second),
+                         std::move(*sourceText)};
 }
 
 std::string EventLogEvent::encoded() const {
-    nlohmann::ordered_json line = nlohmann::ordered_json::object();
-    line["ts_ms"] = tsMs;
-    line["kind"] = kind;
-    line["type"] = type;
-    line["detail"] = json_bridge::toJSON(detail);
-    line["source"] = source;
-    try {
-        return line.dump();
-    } catch (const nlohmann::json::exception& error) {
-        throw JSONValueError(error.what());
-    }
+    std::string line = "{\"ts_ms\":" + std::to_string(tsMs) + ",\"kind\":";
+    json_text::appendString(line, kind);
+    line += ",\"type\":";
+    json_text::appendString(line, type);
+    line += ",\"detail\":";
+    json_text::append(line, detail);
+    line += ",\"source\":";
+    json_text::appendString(line, source);
+    line.push_back('}');
+    return line;
 }
 
 }  // namespace aimwise

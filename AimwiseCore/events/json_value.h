@@ -49,7 +49,8 @@ struct JSONValue {
 
     bool operator==(const JSONValue&) const = default;
 
-    // Throws JSONValueError "Unsupported JSON value" for text that is not one JSON value.
+    // Throws JSONValueError "Unsupported JSON value" for text that is not one JSON value, is not
+    // UTF-8, or nests deeper than maxJSONDepth.
     static JSONValue parse(std::string_view text);
     static std::optional<JSONValue> tryParse(std::string_view text);
     // Compact JSON; integral numbers below 2^53 print without a fraction. Throws JSONValueError for
@@ -59,6 +60,5 @@ struct JSONValue {
 
 // Deeper nesting than this is refused rather than risking the stack on hostile input.
 inline constexpr int maxJSONDepth = 512;
-bool exceedsJSONDepth(std::string_view text, int limit = maxJSONDepth);
 
 }  // namespace aimwise

@@ -1,6 +1,6 @@
 #include "AimwiseCore/events/ordered_json_splice.h"
 
-#include <nlohmann/json.hpp>
+#include "AimwiseCore/events/json_text.h"
 
 namespace aimwise::OrderedJSONSplice {
 
@@ -20,8 +20,8 @@ std::optional<std::string> insert(std::string_view rawJSON, std::string_view for
 
     std::string key;
     try {
-        key = nlohmann::json(std::string(forKey)).dump();
-    } catch (const nlohmann::json::exception&) {
+        json_text::appendString(key, forKey);
+    } catch (const JSONValueError&) {
         return std::nullopt;  // a key that is not UTF-8 has no JSON spelling
     }
     std::string out;
