@@ -56,19 +56,20 @@ void note(const fs::path& log, const std::string& message) {
     ::close(fd);
 }
 
-void rotateIfNeeded(const std::string& subdirectory, const std::string& name, uint64_t maxBytes) {
+bool rotateIfNeeded(const std::string& subdirectory, const std::string& name, uint64_t maxBytes) {
     const fs::path log = logURL(subdirectory, name);
     std::error_code ec;
     const uintmax_t size = fs::file_size(log, ec);
-    if (ec || size < maxBytes) return;
+    if (ec || size < maxBytes) return false;
     const fs::path old = rotatedURL(log);
     fs::remove(old, ec);
     fs::rename(log, old, ec);
-    if (ec) return;
+    if (ec) return false;
     note(log, "log rotated at " + std::to_string(size) + " bytes (cap " + std::to_string(maxBytes) +
                   ") — previous generation is " + old.filename().string() +
                   ". A child process that inherited this log before the rotation keeps writing to that older file "
                   "until it restarts.");
+    return true;
 }
 
 std::optional<fs::path> bootstrap(const std::string& subdirectory, const std::string& name,
@@ -86,7 +87,8 @@ std::optional<fs::path> bootstrap(const std::string& subdirectory, const std::st
             const auto interval = std::chrono::duration<double>(rotationCheckIntervalSec);
             for (;;) {
                 std::this_thread::sleep_for(interval);
-                rotateIfNeeded(subdirectory, name, bytes);
+                // This process holds the moved file open too; follow the log to its new file.
+                if (rotateIfNeeded(subdirectory, name, bytes)) redirectStandardStreams(subdirectory, name);
             }
         }).detach();
     }

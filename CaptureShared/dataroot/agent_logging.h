@@ -19,7 +19,8 @@ std::filesystem::path rotatedURL(const std::filesystem::path& log);
 bool startedByServiceManager(int parentPid, const Environment& environment);
 
 std::optional<std::filesystem::path> redirectStandardStreams(const std::string& subdirectory, const std::string& name);
-void rotateIfNeeded(const std::string& subdirectory, const std::string& name, uint64_t maxBytes);
+// True when the log was moved aside.
+bool rotateIfNeeded(const std::string& subdirectory, const std::string& name, uint64_t maxBytes);
 // Applies config.json to the environment, then, for a service-started agent, rotates and redirects.
 std::optional<std::filesystem::path> bootstrap(const std::string& subdirectory, const std::string& name,
                                                std::optional<uint64_t> maxBytes, double rotationCheckIntervalSec);
