@@ -20,7 +20,10 @@ struct Verb {
 
 // Compared as exact, case-sensitive text, in this order.
 constexpr Verb verbTable[] = {
+    {"judge", aimwise::verbs::runJudge},
+    {"prompt", aimwise::verbs::runPrompt},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
+    {"estimate-selftest", aimwise::verbs::runEstimateSelftest},
     {"integrity", aimwise::verbs::runIntegrity},
     {"staleness", aimwise::verbs::runStaleness},
 };

@@ -4,6 +4,9 @@
 
 namespace aimwise::verbs {
 
+int runJudge(const cli::Invocation& invocation);
+int runPrompt(const cli::Invocation& invocation);
+int runEstimateSelftest(const cli::Invocation& invocation);
 int runPyReprSelftest(const cli::Invocation& invocation);
 int runIntegrity(const cli::Invocation& invocation);
 int runStaleness(const cli::Invocation& invocation);

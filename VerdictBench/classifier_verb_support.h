@@ -1,0 +1,39 @@
+#pragma once
+// What `judge`, `prompt` and `tick` share: their inputs from the data root and their error words.
+#include <exception>
+#include <filesystem>
+#include <optional>
+#include <string>
+#include <vector>
+
+#include "AimwiseCore/classifier/classifier_service.h"
+#include "AimwiseCore/events/event_log_event.h"
+#include "CaptureShared/signals/signals_reader.h"
+
+namespace aimwise::cli {
+
+// A failure ends the process with "FAIL: " and the error.
+SignalsReader openSignalsOrFail(const std::filesystem::path& signalsPath);
+
+// The whole event log when the file exists and can be read; nothing otherwise, which is no error.
+std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::filesystem::path& eventsPath);
+
+// The system's own words for a caught error of any of the kinds a verb meets.
+std::string describe(const std::exception_ptr& error);
+
+// The front window's content for a live judgment, or why it was withheld.
+struct LiveWindowContent {
+    std::optional<ContentWithheldReason> withheld;
+    // Present when a capture came back.
+    std::optional<std::string> content;
+    RedactionReport redactions;
+    std::string description;
+    int64_t ocrChars = 0;
+    std::optional<int64_t> screenshotAtMs;
+};
+LiveWindowContent captureLiveWindowContent(const SignalsReader& signals);
+
+// Each privacy log line of the outcome on standard error.
+void logPrivacy(const ClassifierService::Outcome& outcome);
+
+}  // namespace aimwise::cli

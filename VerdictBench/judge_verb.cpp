@@ -1,0 +1,67 @@
+// `judge`: what the classifier would conclude now, or at a past instant, without logging anything.
+#include <cstdio>
+#include <optional>
+#include <string>
+
+#include "AimwiseCore/classifier/classifier_prompt.h"
+#include "AimwiseCore/classifier/classifier_service.h"
+#include "CaptureShared/common/text.h"
+#include "CaptureShared/dataroot/data_paths.h"
+#include "VerdictBench/classifier_verb_support.h"
+#include "VerdictBench/print_state.h"
+#include "VerdictBench/verbs.h"
+
+namespace aimwise::verbs {
+
+int runJudge(const cli::Invocation& invocation) {
+    const std::optional<std::string> asOfArgument =
+        invocation.positional.empty() ? std::nullopt : std::optional(invocation.positional.front());
+
+    const auto signalsPath = DataPaths::signalsDB();
+    const SignalsReader signals = cli::openSignalsOrFail(signalsPath);
+    const auto events = cli::readEventLogIfPresent(DataPaths::eventsLog());
+    std::printf("io-layer events.jsonl: %s\n",
+                events ? (std::to_string(events->size()) + " events").c_str() : "unavailable");
+    const std::optional<int64_t> asOfMs = cli::parseAsOf(asOfArgument);
+
+    LazyHTTPSession session;
+    std::optional<ClassifierState> state;
+    try {
+        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
+    } catch (...) {
+        cli::fail("FAIL: " + cli::describe(std::current_exception()));
+    }
+    if (!state) cli::fail("no tick data available at " + asOfArgument.value_or("now"));
+
+    cli::printState(*state);
+    std::printf("\n");
+
+    // The live screen says nothing about a past instant, so a timestamp captures nothing.
+    std::optional<std::string> windowContent = invocation.windowContentFlag;
+    RedactionReport upstream;
+    std::optional<ContentWithheldReason> withheld;
+    if (!windowContent && !invocation.noWindowContentFlag && !asOfMs) {
+        const cli::LiveWindowContent live = cli::captureLiveWindowContent(signals);
+        windowContent = live.content;
+        upstream = live.redactions;
+        withheld = live.withheld;
+    }
+    std::printf("window_content: %s\n\n", windowContent ? windowContent->c_str() : "nil");
+    std::fflush(stdout);
+
+    ClassifierService::Outcome outcome;
+    try {
+        outcome = ClassifierService::judge(*state, std::nullopt, windowContent, std::nullopt, upstream, withheld,
+                                           ClassifierBackend::mainCallConfig(), session.get());
+    } catch (...) {
+        cli::fail("FAIL: " + cli::describe(std::current_exception()));
+    }
+    cli::logPrivacy(outcome);
+    std::printf("called_model: %s\n", outcome.calledModel ? "true" : "false");
+    std::printf("state:        %s\n", outcome.judgment.state.c_str());
+    std::printf("confidence:   %s\n", shortestRoundTrip(outcome.judgment.confidence).c_str());
+    std::printf("reason:       %s\n", outcome.judgment.reason.c_str());
+    return 0;
+}
+
+}  // namespace aimwise::verbs
