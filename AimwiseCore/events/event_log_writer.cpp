@@ -38,8 +38,8 @@ JSONValue withProducerStamp(const JSONValue& detail, const std::string& processN
 
 void append(const EventLogEvent& event, const std::filesystem::path& to, const std::string& processName,
             const std::string& buildVersion) {
-    EventLogEvent stamped = event;
-    stamped.detail = withProducerStamp(event.detail, processName, buildVersion, ::getpid());
+    const EventLogEvent stamped{event.tsMs, event.kind, event.type,
+                                withProducerStamp(event.detail, processName, buildVersion, ::getpid()), event.source};
     std::string line;
     try {
         line = stamped.encoded();

@@ -2,11 +2,25 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstdint>
 #include <cstring>
 
 namespace aimwise::json_text {
 
 namespace {
+
+// True when eight bytes need no attention inside a JSON string: no quote, backslash or control
+// byte. With `asciiOnly` also no byte at or above 0x80. Strings in logs run long, and word-wise
+// checks keep the per-byte loops off the common path.
+bool plainWord(const char* p, bool asciiOnly) {
+    constexpr uint64_t ones = 0x0101010101010101ULL, highs = 0x8080808080808080ULL;
+    uint64_t x = 0;
+    std::memcpy(&x, p, 8);
+    const auto hasZero = [](uint64_t y) { return ((y - ones) & ~y & highs) != 0; };
+    if (asciiOnly && (x & highs)) return false;
+    if (((x - ones * 0x20) & ~x & highs) != 0) return false;  // some byte below 0x20
+    return !hasZero(x ^ (ones * '"')) && !hasZero(x ^ (ones * '\\'));
+}
 
 class Parser {
 public:
@@ -180,6 +194,7 @@ private:
         ++p_;
         for (;;) {
             const char* run = p_;
+            while (end_ - p_ >= 8 && plainWord(p_, true)) p_ += 8;
             while (p_ < end_) {
                 const auto c = static_cast<unsigned char>(*p_);
                 if (c == '"' || c == '\\' || c < 0x20 || c >= 0x80) break;
@@ -266,6 +281,12 @@ bool isValidUTF8(std::string_view text) {
     const auto* s = reinterpret_cast<const unsigned char*>(text.data());
     const size_t n = text.size();
     for (size_t i = 0; i < n;) {
+        // Log text is mostly ASCII: take it eight bytes at a time.
+        uint64_t word = 0;
+        if (i + 8 <= n && (std::memcpy(&word, s + i, 8), (word & 0x8080808080808080ULL) == 0)) {
+            i += 8;
+            continue;
+        }
         if (s[i] < 0x80) {
             ++i;
             continue;
@@ -296,6 +317,8 @@ void appendString(std::string& out, std::string_view text) {
     out.push_back('"');
     size_t run = 0;
     for (size_t i = 0; i < text.size(); ++i) {
+        while (i + 8 <= text.size() && plainWord(text.data() + i, false)) i += 8;
+        if (i >= text.size()) break;
         const auto c = static_cast<unsigned char>(text[i]);
         if (c >= 0x20 && c != '"' && c != '\\') continue;
         out.append(text.data() + run, i - run);

@@ -90,12 +90,12 @@ TEST(JSONValueEncoding, WholeNumbersPrintPlainAndNonFiniteOnesFail) {
 // Whatever a value holds, writing it and reading it back gives the same value.
 TEST(JSONValueEncoding, RandomValuesRoundTrip) {
     std::mt19937 random(11);
-    const std::vector<std::string> pieces = {"", "a", "\"", "\\", "\n", "\x7f", "\xc3\xa9", "\xf0\x9f\x98\x80", "\x01", " "};
+    const std::vector<std::string> pieces = {"", "a", "\"", "\\", "\n", "\x7f", "\xc3\xa9", "\xf0\x9f\x98\x80", "\x01", " ", "a longer plain run"};
     std::function<JSONValue(int)> make = [&](int depth) -> JSONValue {
         switch (random() % (depth > 4 ? 4 : 6)) {
             case 0: {
                 std::string text;
-                for (unsigned n = random() % 6; n > 0; --n) text += pieces[random() % pieces.size()];
+                for (unsigned n = random() % 12; n > 0; --n) text += pieces[random() % pieces.size()];
                 return JSONValue(text);
             }
             case 1: return JSONValue(static_cast<double>(static_cast<int32_t>(random())) / ((random() % 3) ? 1.0 : 7.0));
