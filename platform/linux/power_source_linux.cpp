@@ -1,0 +1,86 @@
+#include "platform/power_source.h"
+
+#include <algorithm>
+#include <charconv>
+#include <fstream>
+#include <system_error>
+#include <vector>
+
+namespace aimwise::PowerSource {
+
+namespace {
+
+namespace fs = std::filesystem;
+
+// sysfs attributes are one short line; a missing or unreadable one is simply absent.
+std::optional<std::string> attribute(const fs::path& supply, const char* name) {
+    std::ifstream in(supply / name);
+    std::string line;
+    if (!in || !std::getline(in, line)) return std::nullopt;
+    while (!line.empty() && (line.back() == '\n' || line.back() == ' ' || line.back() == '\r')) line.pop_back();
+    return line;
+}
+
+std::optional<int64_t> integer(const fs::path& supply, const char* name) {
+    const auto text = attribute(supply, name);
+    if (!text || text->empty()) return std::nullopt;
+    int64_t value = 0;
+    const auto [end, error] = std::from_chars(text->data(), text->data() + text->size(), value);
+    if (error != std::errc() || end != text->data() + text->size()) return std::nullopt;
+    return value;
+}
+
+std::optional<int64_t> milli(const std::optional<int64_t>& micro) {
+    if (!micro) return std::nullopt;
+    return *micro / 1000;
+}
+
+// Sorted, so that "the first battery" is the same supply on every read.
+std::vector<fs::path> supplies(const fs::path& root) {
+    std::vector<fs::path> found;
+    std::error_code error;
+    for (fs::directory_iterator it(root, error), end; !error && it != end; it.increment(error))
+        found.push_back(it->path());
+    std::sort(found.begin(), found.end());
+    return found;
+}
+
+}  // namespace
+
+Snapshot read(const fs::path& root) {
+    Snapshot snapshot;
+    for (const auto& supply : supplies(root)) {
+        const auto type = attribute(supply, "type");
+        if (!type) continue;
+        if (*type == "Battery") {
+            if (const auto status = attribute(supply, "status")) {
+                const bool discharging = *status == "Discharging";
+                snapshot.onBattery = snapshot.onBattery.value_or(false) || discharging;
+            }
+        } else if (*type == "Mains" || *type == "USB" || *type == "USB_C" || *type == "USB_PD") {
+            if (const auto online = integer(supply, "online"))
+                snapshot.isPluggedIn = snapshot.isPluggedIn.value_or(false) || *online != 0;
+        }
+    }
+    return snapshot;
+}
+
+std::optional<BatteryReading> readBattery(const fs::path& root) {
+    for (const auto& supply : supplies(root)) {
+        if (attribute(supply, "type") != "Battery") continue;
+        BatteryReading reading;
+        reading.status = attribute(supply, "status");
+        reading.voltageMv = milli(integer(supply, "voltage_now"));
+        reading.currentMa = milli(integer(supply, "current_now"));
+        reading.powerMw = milli(integer(supply, "power_now"));
+        reading.energyMwh = milli(integer(supply, "energy_now"));
+        reading.energyFullMwh = milli(integer(supply, "energy_full"));
+        reading.chargeMah = milli(integer(supply, "charge_now"));
+        reading.chargeFullMah = milli(integer(supply, "charge_full"));
+        reading.capacityPercent = integer(supply, "capacity");
+        return reading;
+    }
+    return std::nullopt;
+}
+
+}  // namespace aimwise::PowerSource
