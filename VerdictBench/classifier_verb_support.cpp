@@ -3,10 +3,14 @@
 #include <cstdio>
 #include <system_error>
 
+#include "AimwiseCore/classifier/classifier_prompt.h"
+#include "AimwiseCore/classifier/window_content.h"
 #include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
 #include "AimwiseCore/models/model_backend_error.h"
+#include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/utf8.h"
 #include "VerdictBench/cli.h"
 
 namespace aimwise::cli {
@@ -45,8 +49,35 @@ std::string describe(const std::exception_ptr& error) {
     }
 }
 
-LiveWindowContent captureLiveWindowContent(const SignalsReader& signals) {
+LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSession& session) {
     LiveWindowContent live;
+    try {
+        live.withheld = contentMustBeWithheldForDenylist(signals);
+    } catch (const SignalsReaderError& error) {
+        // Without the denylist's answer nothing may be captured.
+        std::fprintf(stderr, "could not check the capture denylist, judging without window content: %s\n",
+                     error.description().c_str());
+        return live;
+    }
+    WindowContentReader::Config config;
+    try {
+        config = WindowContentReader::Config::tickDefault();
+    } catch (const LocalInferenceEndpoint::ResolutionError& error) {
+        std::fprintf(stderr, "window_content: no local model to describe the window (continuing without it): %s\n",
+                     error.description().c_str());
+        return live;
+    }
+    const auto parts = captureLiveWindowContentParts(signals, live.withheld, config, session);
+    if (!parts) return live;
+    auto redacted = ClassifierPrompt::redactedWindowContent(parts->ocrText, parts->description);
+    live.content = std::move(redacted.content);
+    live.redactions = std::move(redacted.redactions);
+    // The describe log is a lasting record: the model's sentence is kept only in its redacted form.
+    live.description = SensitiveIdentifierRedaction::redact(parts->description,
+                                                            SensitiveIdentifierRedaction::Scope::lifeLevel)
+                           .text;
+    live.ocrChars = static_cast<int64_t>(utf8::scalarCount(parts->ocrText));
+    live.screenshotAtMs = parts->screenshotAtMs;
     return live;
 }
 

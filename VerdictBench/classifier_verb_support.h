@@ -8,6 +8,7 @@
 
 #include "AimwiseCore/classifier/classifier_service.h"
 #include "AimwiseCore/events/event_log_event.h"
+#include "AimwiseCore/models/http_session.h"
 #include "CaptureShared/signals/signals_reader.h"
 
 namespace aimwise::cli {
@@ -31,7 +32,8 @@ struct LiveWindowContent {
     int64_t ocrChars = 0;
     std::optional<int64_t> screenshotAtMs;
 };
-LiveWindowContent captureLiveWindowContent(const SignalsReader& signals);
+// Never fails: whatever goes wrong is said on standard error, and the judgment runs without content.
+LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSession& session);
 
 // Each privacy log line of the outcome on standard error.
 void logPrivacy(const ClassifierService::Outcome& outcome);

@@ -41,7 +41,7 @@ int runJudge(const cli::Invocation& invocation) {
     RedactionReport upstream;
     std::optional<ContentWithheldReason> withheld;
     if (!windowContent && !invocation.noWindowContentFlag && !asOfMs) {
-        const cli::LiveWindowContent live = cli::captureLiveWindowContent(signals);
+        const cli::LiveWindowContent live = cli::captureLiveWindowContent(signals, session.get());
         windowContent = live.content;
         upstream = live.redactions;
         withheld = live.withheld;

@@ -22,8 +22,10 @@ struct Verb {
 constexpr Verb verbTable[] = {
     {"judge", aimwise::verbs::runJudge},
     {"prompt", aimwise::verbs::runPrompt},
+    {"tick", aimwise::verbs::runTickVerb},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
     {"estimate-selftest", aimwise::verbs::runEstimateSelftest},
+    {"ocr-selftest", aimwise::verbs::runOcrSelftest},
     {"integrity", aimwise::verbs::runIntegrity},
     {"staleness", aimwise::verbs::runStaleness},
 };

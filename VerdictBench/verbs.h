@@ -6,7 +6,9 @@ namespace aimwise::verbs {
 
 int runJudge(const cli::Invocation& invocation);
 int runPrompt(const cli::Invocation& invocation);
+int runTickVerb(const cli::Invocation& invocation);
 int runEstimateSelftest(const cli::Invocation& invocation);
+int runOcrSelftest(const cli::Invocation& invocation);
 int runPyReprSelftest(const cli::Invocation& invocation);
 int runIntegrity(const cli::Invocation& invocation);
 int runStaleness(const cli::Invocation& invocation);

@@ -1,0 +1,13 @@
+// `tick`: the classifier's production entry point, started by a systemd user timer.
+#include "VerdictBench/cli.h"
+#include "VerdictBench/tick_run.h"
+#include "VerdictBench/verbs.h"
+
+namespace aimwise::verbs {
+
+int runTickVerb(const cli::Invocation&) {
+    tick::armTickWatchdog(cli::tickWatchdogCeilingSec);
+    return tick::runTick(tick::Platform::live());
+}
+
+}  // namespace aimwise::verbs
