@@ -1,0 +1,313 @@
+#include "agents/aimwise/aimwise_command.h"
+
+#include <unistd.h>
+
+#include <charconv>
+#include <cmath>
+#include <cstdio>
+#include <iostream>
+
+#include "AimwiseCore/classifier/cadence.h"
+#include "AimwiseCore/classifier/classifier_model.h"
+#include "AimwiseCore/classifier/integrity_guard.h"
+#include "AimwiseCore/events/event_log.h"
+#include "AimwiseCore/events/event_log_reader.h"
+#include "AimwiseCore/events/event_log_writer.h"
+#include "AimwiseCore/models/local_inference_endpoint.h"
+#include "AimwiseCore/models/local_model_store.h"
+#include "AimwiseCore/models/model_backend_error.h"
+#include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/text.h"
+#include "CaptureShared/dataroot/agent_config.h"
+#include "CaptureShared/dataroot/data_paths.h"
+#include "CaptureShared/dataroot/model_provisioning.h"
+#include "CaptureShared/signals/signals_reader.h"
+#include "CaptureShared/staleness/recording_pause.h"
+#include "CaptureShared/staleness/signals_staleness.h"
+#include "agents/services/user_services.h"
+
+namespace aimwise::AimwiseCommand {
+
+namespace fs = std::filesystem;
+
+const char* const usageText =
+    "usage: aimwise <command>\n"
+    "  task TEXT [--minutes N] [--why TEXT]   declare what you mean to be doing\n"
+    "  task --clear                           clear the declaration\n"
+    "  status                                 task, newest verdict, signals and model at a glance\n"
+    "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
+    "  install-services [--no-start]          install and enable the systemd user units\n"
+    "  uninstall-services                     stop, disable and remove them\n";
+
+namespace {
+
+constexpr const char* processName = "aimwise";
+
+int64_t nowMs() {
+    timespec now{};
+    clock_gettime(CLOCK_REALTIME, &now);
+    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+}
+
+int usage(const std::string& message) {
+    std::fprintf(stderr, "aimwise: %s\n%s", message.c_str(), usageText);
+    return 2;
+}
+
+int failed(const std::string& message) {
+    std::fprintf(stderr, "FAIL: %s\n", message.c_str());
+    return 1;
+}
+
+void line(const std::string& text) { std::printf("%s\n", text.c_str()); }
+
+std::optional<double> positiveNumber(const std::string& text) {
+    double value = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), value);
+    if (error != std::errc() || end != text.data() + text.size() || !std::isfinite(value) || value <= 0)
+        return std::nullopt;
+    return value;
+}
+
+// The rendered declaration, one line: "write the report (until 4:05pm; why: ...)".
+std::string summarised(const std::string& body) {
+    std::string task, estimate, why;
+    size_t start = 0;
+    while (start < body.size()) {
+        size_t end = body.find('\n', start);
+        if (end == std::string::npos) end = body.size();
+        const std::string_view row(body.data() + start, end - start);
+        if (row.starts_with("Task: ")) task = row.substr(6);
+        if (row.starts_with("Estimate: ")) estimate = row.substr(10);
+        if (row.starts_with("Why: ")) why = row.substr(5);
+        start = end + 1;
+    }
+    std::vector<std::string> notes;
+    if (!estimate.empty()) notes.push_back(estimate);
+    if (!why.empty()) notes.push_back("why: " + why);
+    return "\"" + task + "\"" + (notes.empty() ? "" : " (" + join(notes, "; ") + ")");
+}
+
+int runTask(const std::vector<std::string>& arguments) {
+    const TaskRequest request = parseTask(arguments);
+    if (const auto* error = std::get_if<UsageError>(&request)) return usage(error->message);
+    if (!DataPaths::isDataRootAvailable())
+        return failed(DataPaths::dataRootUnavailableReason().value_or("the data root is not available") +
+                      " — nothing was recorded. Run `aimwise init PATH` first.");
+    try {
+        EventLogWriter::append(taskEvent(request, nowMs()), DataPaths::eventsLog(), processName);
+    } catch (const EventLogWriterError& error) {
+        return failed("could not append to " + DataPaths::eventsLog().string() + ": " + error.description());
+    } catch (const std::exception& error) {
+        return failed("could not append to " + DataPaths::eventsLog().string() + ": " + error.what());
+    }
+    if (std::holds_alternative<TaskClear>(request)) {
+        line("Cleared the declared task.");
+    } else {
+        const auto body = EventLog::read();
+        line("Declared " + (body && !body->empty() ? summarised(*body) : std::get<TaskDeclaration>(request).task) +
+             ".");
+    }
+    return 0;
+}
+
+std::string taskLine() {
+    const auto body = EventLog::read();
+    if (!body) return "Task: none declared";
+    if (body->empty()) return "Task: none (cleared)";
+    return "Task: " + summarised(*body);
+}
+
+std::string signalsLine(int64_t now) {
+    std::optional<SignalsReader::TickRow> latest;
+    try {
+        latest = SignalsReader::open(DataPaths::signalsDB()).latestTick();
+    } catch (const SignalsReaderError& error) {
+        return "Signals: none yet — is aimwise-capture running? (" + error.description() + ")";
+    }
+    if (!latest) return "Signals: none yet — is aimwise-capture running?";
+    const int64_t regimeGapSec = ClassifierCadence::Config::fromEnvironment(processEnvironment()).regimeGapSec;
+    const auto cadence = ClassifierCadence::read(DataPaths::classifierCadence());
+    const auto decision =
+        SignalsStaleness::decide(currentRecordingPause(now), latest->tsMs, now,
+                                 cadence ? std::optional(cadence->lastRanAtMs) : std::nullopt,
+                                 SignalsStaleness::defaultThresholdMs, regimeGapSec);
+    const std::string age = SignalsStaleness::humanDuration(now - latest->tsMs) + " ago";
+    const std::string front = latest->frontmostApp ? ", front: " + *latest->frontmostApp : "";
+    if (std::holds_alternative<SignalsStaleness::Fresh>(decision) ||
+        std::holds_alternative<SignalsStaleness::StaleButUntrustworthy>(decision))
+        return "Signals: fresh — newest sample " + age + front;
+    if (const auto* stale = std::get_if<SignalsStaleness::StaleConfirmed>(&decision))
+        return "Signals: STALE — " + SignalsStaleness::reason(stale->gapMs, stale->lastGoodTickAtMs);
+    if (const auto* paused = std::get_if<SignalsStaleness::PredatesPause>(&decision))
+        return "Signals: paused — " +
+               SignalsStaleness::reasonPredatesPause(paused->lastTickAtMs, paused->pauseStartedAtMs, now);
+    return "Signals: none yet — is aimwise-capture running?";
+}
+
+std::vector<std::string> verdictLines() {
+    std::vector<ClassifierTick> ticks;
+    try {
+        ticks = ClassifierLogReader::read(DataPaths::classifierLog());
+    } catch (const std::exception&) {
+        return {"Verdict: none yet"};
+    }
+    if (ticks.empty()) return {"Verdict: none yet"};
+    const ClassifierTick& newest = ticks.back();
+    std::vector<std::string> lines{"Verdict: " + newest.state.value_or("(no state)") + " at " + newest.at +
+                                   (newest.frontmostApp ? " in " + *newest.frontmostApp : "")};
+    if (newest.reason) lines.push_back("  reason: " + *newest.reason);
+    return lines;
+}
+
+std::string modelLine() {
+    namespace Guard = ModelIntegrityGuard;
+    const std::string& model = ClassifierModel::defaultModel();
+    const LocalModelStore store(LocalModelStore::defaultModelsDirectory());
+    const auto manifest = store.manifest(model);
+    const Guard::FileCheck fileCheck = Guard::integrityFileCheck(manifest, store);
+    std::optional<std::string> expectedPath;
+    if (manifest) expectedPath = (store.modelsDirectory() / manifest->fileName).string();
+    const EndpointURL endpoint = LocalInferenceEndpoint::resolve(processEnvironment());
+    try {
+        HTTPSession session;
+        const std::string served = Guard::fetchServedModelPath(endpoint, session);
+        const Guard::Verdict verdict = Guard::evaluate(expectedPath, fileCheck, served);
+        const bool passes = std::holds_alternative<Guard::Verdict::Matches>(verdict.value);
+        return "Model: " + model + (passes ? " passes" : " FAILS") + " its integrity check — " +
+               Guard::describe(verdict);
+    } catch (const ModelBackendError& error) {
+        return "Model: " + model + " files " + Guard::describe(fileCheck) + "; the model server at " +
+               endpoint.string() + " did not answer (" + error.description() + "), so the check cannot finish";
+    }
+}
+
+int runStatus() {
+    const int64_t now = nowMs();
+    line(AgentConfig::describe(AgentConfig::dataRootStatus()));
+    line(taskLine());
+    for (const auto& verdict : verdictLines()) line(verdict);
+    line(signalsLine(now));
+    line(modelLine());
+    return 0;
+}
+
+fs::path askForRoot() {
+    const fs::path suggested = DataPaths::defaultRootForNewInstall();
+    if (!isatty(STDIN_FILENO)) return suggested;
+    std::printf("Where should captured data live? [%s] ", suggested.c_str());
+    std::fflush(stdout);
+    std::string answer;
+    std::getline(std::cin, answer);
+    answer = trimWhitespaceAndNewlines(answer);
+    return answer.empty() ? suggested : DataPaths::expandTilde(answer);
+}
+
+int runInit(const std::vector<std::string>& arguments) {
+    if (arguments.size() > 1) return usage("init takes at most one path");
+    fs::path root = arguments.empty() ? askForRoot() : DataPaths::expandTilde(arguments.front());
+    std::error_code error;
+    root = fs::absolute(root, error).lexically_normal();
+    if (root.has_filename() == false && root != root.root_path()) root = root.parent_path();
+    fs::create_directories(root, error);
+    if (error) return failed("could not create " + root.string() + ": " + error.message());
+    DataPaths::hardenAdoptedRoot(root, DataPaths::homeDirectory());
+    try {
+        DataPaths::setConfiguredRoot(root);
+        const auto added = AgentConfig::seedDefaultEnvIfAbsent(std::nullopt, ModelProvisioning::physicalMemoryBytes());
+        line("Data root: " + root.string());
+        line("Settings: " + DataPaths::configPath().string() +
+             (added.empty() ? " (settings already there were kept)" : " (added " + join(added, ", ") + ")"));
+    } catch (const ConfigWriteError& failure) {
+        return failed(failure.description());
+    } catch (const fs::filesystem_error& failure) {
+        return failed(std::string("could not write the settings: ") + failure.what());
+    }
+    if (DataPaths::dataRootSource() == DataPaths::RootSource::environment && DataPaths::dataRoot() != root) {
+        line("Note: AIMCAP_DATA_ROOT is set to " + DataPaths::dataRoot().string() +
+             " in this environment and wins over the settings file.");
+    } else {
+        try {
+            DataPaths::ensureSubdirsExist();
+        } catch (const std::exception& failure) {
+            return failed(std::string("could not create the data root's folders: ") + failure.what());
+        }
+    }
+    line("Next: `aimwise install-services` to record in the background, then `aimwise task \"...\" --minutes N`.");
+    return 0;
+}
+
+}  // namespace
+
+TaskRequest parseTask(const std::vector<std::string>& arguments) {
+    TaskDeclaration declaration;
+    bool clear = false;
+    std::vector<std::string> words;
+    for (size_t i = 0; i < arguments.size(); ++i) {
+        const std::string& argument = arguments[i];
+        const bool hasValue = i + 1 < arguments.size();
+        if (argument == "--clear") {
+            clear = true;
+        } else if (argument == "--minutes") {
+            if (!hasValue) return UsageError{"--minutes needs a number"};
+            declaration.minutes = positiveNumber(arguments[++i]);
+            if (!declaration.minutes) return UsageError{"--minutes needs a positive number, not \"" + arguments[i] + "\""};
+        } else if (argument == "--why") {
+            if (!hasValue) return UsageError{"--why needs a text"};
+            declaration.why = trimWhitespaceAndNewlines(arguments[++i]);
+            if (declaration.why->empty()) declaration.why.reset();
+        } else if (argument.starts_with("--")) {
+            return UsageError{"unknown option " + argument};
+        } else {
+            words.push_back(argument);
+        }
+    }
+    declaration.task = trimWhitespaceAndNewlines(join(words, " "));
+    if (clear) {
+        if (!declaration.task.empty() || declaration.minutes || declaration.why)
+            return UsageError{"--clear takes nothing else"};
+        return TaskClear{};
+    }
+    if (declaration.task.empty()) return UsageError{"task needs a text, e.g. aimwise task \"write the report\" --minutes 45"};
+    return declaration;
+}
+
+EventLogEvent taskEvent(const TaskRequest& request, int64_t nowMs) {
+    EventLogEvent event;
+    event.tsMs = nowMs;
+    event.source = processName;
+    if (const auto* declaration = std::get_if<TaskDeclaration>(&request)) {
+        event.type = "task_declared";
+        JSONValue::Object detail{{"task", declaration->task}};
+        if (declaration->minutes) detail["horizon_minutes"] = *declaration->minutes;
+        if (declaration->why) detail["why"] = *declaration->why;
+        event.detail = std::move(detail);
+    } else {
+        event.type = "task_cleared";
+    }
+    return event;
+}
+
+int run(const std::vector<std::string>& arguments) {
+    if (arguments.empty()) return usage("no command given");
+    const std::string& command = arguments.front();
+    const std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
+    if (command == "--help" || command == "-h" || command == "help") {
+        std::fputs(usageText, stdout);
+        return 0;
+    }
+    if (command == "task") return runTask(rest);
+    if (command == "status") return rest.empty() ? runStatus() : usage("status takes no arguments");
+    if (command == "init") return runInit(rest);
+    if (command == "install-services") {
+        if (rest.size() > 1 || (rest.size() == 1 && rest.front() != "--no-start"))
+            return usage("install-services takes only --no-start");
+        return UserServices::install(processEnvironment(),
+                                     rest.empty() ? UserServices::Start::now : UserServices::Start::later);
+    }
+    if (command == "uninstall-services") return rest.empty() ? UserServices::uninstall(processEnvironment())
+                                                             : usage("uninstall-services takes no arguments");
+    return usage("unknown command \"" + command + "\"");
+}
+
+}  // namespace aimwise::AimwiseCommand

@@ -1,0 +1,57 @@
+#pragma once
+// The X11 session as the capture agent samples it: the front window, the mapped top-level
+// windows in stacking order, idle time, pointer and screen saver. Only x11_desktop.cpp sees Xlib.
+//
+// Window properties are kept between samples and fetched again only for windows that reported a
+// change (the agent listens for property, structure and stacking events), so a quiet desktop costs
+// a few requests per sample however many windows it has.
+#include <cstdint>
+#include <memory>
+#include <optional>
+#include <string>
+#include <vector>
+
+namespace aimwise {
+
+struct DesktopWindow {
+    unsigned long id = 0;
+    std::string ownerName;
+    std::string bundleId;
+    std::optional<int64_t> pid;
+    std::string title;
+    double x = 0, y = 0, width = 0, height = 0;
+    int layer = 0;
+    bool fullscreen = false;
+    bool operator==(const DesktopWindow&) const = default;
+};
+
+struct DesktopSnapshot {
+    std::optional<DesktopWindow> front;
+    std::vector<DesktopWindow> windows;  // front to back
+    std::optional<double> idleSec;  // nothing without the screen saver extension
+    bool screensaverActive = false;
+    int pointerX = 0, pointerY = 0;
+};
+
+class X11Desktop {
+public:
+    // Nothing when the display cannot be opened.
+    static std::unique_ptr<X11Desktop> connect(const std::string& displayName);
+    ~X11Desktop();
+    X11Desktop(const X11Desktop&) = delete;
+    X11Desktop& operator=(const X11Desktop&) = delete;
+
+    // Nothing once the connection is lost; the caller then drops this object and connects anew.
+    std::optional<DesktopSnapshot> sample();
+    bool lost() const;
+    // Whether the window manager publishes the EWMH stacking list and active window.
+    bool hasWindowManagerHints() const;
+
+    struct Impl;
+
+private:
+    explicit X11Desktop(std::unique_ptr<Impl> impl);
+    std::unique_ptr<Impl> impl_;
+};
+
+}  // namespace aimwise
