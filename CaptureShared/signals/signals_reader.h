@@ -27,17 +27,17 @@ class SignalsReader {
 public:
     struct TickRow {
         int64_t tsMs = 0;
-        std::optional<std::string> frontmostApp;
-        std::optional<std::string> browserApp;
-        std::optional<std::string> browserTitle;
-        std::optional<std::string> browserURL;
-        std::optional<double> idleAnySec;
-        std::optional<std::string> declaredTask;
+        std::optional<std::string> frontmostApp{};
+        std::optional<std::string> browserApp{};
+        std::optional<std::string> browserTitle{};
+        std::optional<std::string> browserURL{};
+        std::optional<double> idleAnySec{};
+        std::optional<std::string> declaredTask{};
         bool operator==(const TickRow&) const = default;
     };
 
     struct WindowRow {
-        std::optional<std::string> title;
+        std::optional<std::string> title{};
         double x = 0, y = 0, width = 0, height = 0;
         int layer = 0;
         bool operator==(const WindowRow&) const = default;
@@ -61,8 +61,8 @@ public:
 
     struct BatteryHistoryRow {
         int64_t tsMs = 0;
-        std::optional<int> batteryPct;
-        std::optional<bool> acPlugged;
+        std::optional<int> batteryPct{};
+        std::optional<bool> acPlugged{};
         bool operator==(const BatteryHistoryRow&) const = default;
     };
 
@@ -74,13 +74,13 @@ public:
 
     struct CachedEstimate {
         bool found = false;
-        std::optional<double> minutes;  // a row may hold NULL
+        std::optional<double> minutes{};  // a row may hold NULL
         bool operator==(const CachedEstimate&) const = default;
     };
 
     struct WindowExtent {
-        std::optional<double> maxRight;   // MAX(x + width)
-        std::optional<double> maxBottom;  // MAX(y + height)
+        std::optional<double> maxRight{};   // MAX(x + width)
+        std::optional<double> maxBottom{};  // MAX(y + height)
         bool operator==(const WindowExtent&) const = default;
     };
 

@@ -62,53 +62,34 @@ TEST(SignalsStalenessDecide, APauseAfterTheNewestRowExcusesTheSilenceForTheThres
     EXPECT_EQ(decideAt(PauseActive{now - 500}, now - 1000, now), Decision{(PredatesPause{now - 1000, now - 500})});
 }
 
-TEST(SignalsStalenessText, HumanDurationUsesWholeUnitsWithoutSpaces) {
-    EXPECT_EQ(humanDuration(0), "0s");
-    EXPECT_EQ(humanDuration(59'999), "59s");
-    EXPECT_EQ(humanDuration(60'000), "1m");
-    EXPECT_EQ(humanDuration(3'599'999), "59m");
-    EXPECT_EQ(humanDuration(3'600'000), "1h0m");
-    EXPECT_EQ(humanDuration(3'600'000 * 26 + 61'000), "26h1m");
-    EXPECT_EQ(humanDuration(-500), "0s");
-    EXPECT_EQ(humanDuration(-999), "0s");
-    EXPECT_EQ(humanDuration(-1000), "0s");
-    EXPECT_EQ(humanDuration(-86'400'000), "0s");
+TEST(SignalsStalenessText, HumanDurationUsesWholeUnitsWithoutSpacesAndNeverGoesNegative) {
+    const std::pair<int64_t, const char*> cases[] = {
+        {0, "0s"},       {59'999, "59s"},      {60'000, "1m"},  {3'599'999, "59m"},           {3'600'000, "1h0m"},
+        {-500, "0s"},    {-999, "0s"},         {-1000, "0s"},   {3'600'000 * 26 + 61'000, "26h1m"}};
+    for (const auto& [ms, text] : cases) EXPECT_EQ(humanDuration(ms), text) << ms;
 }
 
-TEST(SignalsStalenessText, ReasonNamesTheLastRowAndTheGap) {
+TEST(SignalsStalenessText, ReasonsNameTheRowThePauseAndTheAge) {
     const int64_t row = IsoDate::parse("2026-11-22T05:00:00Z").value();
     EXPECT_EQ(reason(5'430'000, row + 999),
               "signals stale since 2026-11-22T05:00:00Z (~1h30m with no new signals.sqlite row) — not judged; "
               "capture may have stopped");
-}
-
-TEST(SignalsStalenessText, ReasonPredatesPauseNamesThePauseTheRowAndItsAge) {
-    const int64_t row = IsoDate::parse("2026-11-22T05:00:00Z").value();
-    const int64_t pause = IsoDate::parse("2026-11-22T05:10:30Z").value();
-    EXPECT_EQ(reasonPredatesPause(row, pause, row + 754'000),
+    EXPECT_EQ(reasonPredatesPause(row, row + 630'000, row + 754'000),
               "recording is paused (since 2026-11-22T05:10:30Z) and the newest signals.sqlite row is from "
               "2026-11-22T05:00:00Z, before the pause began (~12m ago) — not judged; waiting for Signals to write a "
               "current row");
 }
 
-TEST(IsoDate, FormatsInUTCAtWholeSeconds) {
-    EXPECT_EQ(IsoDate::format(0), "1970-01-01T00:00:00Z");
+TEST(IsoDate, FormatsUTCAtWholeSecondsAndParsesOnlyInternetDateTimes) {
     EXPECT_EQ(IsoDate::format(951'782'400'999), "2000-02-29T00:00:00Z");
     EXPECT_EQ(IsoDate::format(-1), "1969-12-31T23:59:59Z");
-    EXPECT_EQ(IsoDate::format(253'402'300'799'000), "9999-12-31T23:59:59Z");
-}
-
-TEST(IsoDate, ParsesInternetDateTimesAndRejectsEverythingElse) {
-    EXPECT_EQ(IsoDate::parse("2000-02-29T00:00:00Z"), 951'782'400'000);
     EXPECT_EQ(IsoDate::parse("2000-02-29T00:00:00.25Z"), 951'782'400'250);
     EXPECT_EQ(IsoDate::parse("2000-02-29T02:30:00+02:30"), 951'782'400'000);
-    EXPECT_EQ(IsoDate::parse("1969-12-31T23:59:59Z"), -1000);
     for (const char* bad : {"", "2000-02-30T00:00:00Z", "2001-02-29T00:00:00Z", "2000-02-29 00:00:00Z",
                             "2000-02-29T24:00:00Z", "2000-02-29T00:00:00", "2000-02-29T00:00:00Zjunk",
-                            "2000-02-29T00:00:00.Z", "2000-02-29T00:00:00+0200", "20x0-02-29T00:00:00Z",
-                            "2000-02-29T00:00:00+02:3"})
+                            "2000-02-29T00:00:00.Z", "2000-02-29T00:00:00+0200", "2000-02-29T00:00:00+02:3"})
         EXPECT_EQ(IsoDate::parse(bad), std::nullopt) << bad;
-    for (int64_t ms : {int64_t{0}, int64_t{-86'400'000}, int64_t{1'763'800'000'000}})
+    for (int64_t ms : {int64_t{0}, int64_t{-86'400'000}, int64_t{253'402'300'799'000}})
         EXPECT_EQ(IsoDate::parse(IsoDate::format(ms)), ms);
 }
 
