@@ -3,6 +3,7 @@
 #include <arpa/inet.h>
 #include <fcntl.h>
 #include <netinet/in.h>
+#include <netinet/tcp.h>
 #include <poll.h>
 #include <sys/socket.h>
 #include <sys/un.h>
@@ -253,6 +254,11 @@ void ScriptedModelServer::acceptLoop() {
         if (!(fds[0].revents & POLLIN)) continue;
         int fd = ::accept4(listenFd_, nullptr, nullptr, SOCK_CLOEXEC);
         if (fd < 0) continue;
+        if (transport_ == Transport::tcp) {
+            // Small replies go out at once rather than waiting on the client's delayed acknowledgement.
+            int yes = 1;
+            ::setsockopt(fd, IPPROTO_TCP, TCP_NODELAY, &yes, sizeof yes);
+        }
         std::lock_guard lock(mutex_);
         connectionThreads_.emplace_back([this, fd] {
             serve(fd);
@@ -366,12 +372,12 @@ void ScriptedModelServer::serve(int fd) {
             if (reply.ending == Reply::Ending::cut) return;
             write(fd, "0\r\n\r\n");
         } else {
-            write(fd, headText + "Content-Length: " + std::to_string(reply.body.size()) + "\r\n\r\n");
+            std::string head = headText + "Content-Length: " + std::to_string(reply.body.size()) + "\r\n\r\n";
             if (reply.ending == Reply::Ending::cut) {
-                write(fd, reply.body.substr(0, reply.body.size() / 2));
+                write(fd, head + reply.body.substr(0, reply.body.size() / 2));
                 return;
             }
-            write(fd, reply.body);
+            write(fd, head + reply.body);
         }
     }
 }
