@@ -24,10 +24,10 @@ icu::UnicodeString patternText(std::string_view utf8Pattern) {
 
 namespace detail {
 
-// Matchers are costly to create and not shareable, so each thread keeps two per pattern: one that scans
-// and one that retries.
+// Matchers are costly to create and not shareable, so each thread keeps three per pattern: one that scans,
+// one that retries shorter matches and one for anchored attempts.
 icu::RegexMatcher& matcherFor(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int which) {
-    thread_local std::unordered_map<const icu::RegexPattern*, std::unique_ptr<icu::RegexMatcher>> cache[2];
+    thread_local std::unordered_map<const icu::RegexPattern*, std::unique_ptr<icu::RegexMatcher>> cache[3];
     auto& slot = cache[which][&pattern];
     UErrorCode status = U_ZERO_ERROR;
     if (!slot) {

@@ -5,6 +5,7 @@
 
 #include <cstdint>
 #include <memory>
+#include <optional>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -45,6 +46,27 @@ icu::RegexMatcher& matcherFor(const icu::RegexPattern& pattern, const icu::Unico
 void release(icu::RegexMatcher& matcher);
 }  // namespace detail
 
+// Settles one match: its value if accepted, else the value of the longest shorter match from the same start
+// that is accepted, else nothing.
+template <class Accept>
+std::optional<Range> settle(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group,
+                            int32_t matchStart, int32_t matchEnd, Range value, icu::RegexMatcher*& retry,
+                            Accept& accept) {
+    UErrorCode status = U_ZERO_ERROR;
+    for (;;) {
+        if (value.start >= 0 && accept(value)) return value;
+        if (matchEnd - 1 <= matchStart) return std::nullopt;
+        if (!retry) retry = &detail::matcherFor(pattern, text, 1);
+        retry->useTransparentBounds(true);
+        retry->useAnchoringBounds(false);
+        retry->region(matchStart, matchEnd - 1, status);
+        if (U_FAILURE(status) || !retry->lookingAt(status) || U_FAILURE(status)) return std::nullopt;
+        matchEnd = retry->end(status);
+        value = {retry->start(group, status), retry->end(group, status)};
+        if (U_FAILURE(status)) return std::nullopt;
+    }
+}
+
 template <class Accept>
 std::vector<Range> findAllAccepted(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group,
                                    Accept accept) {
@@ -53,25 +75,39 @@ std::vector<Range> findAllAccepted(const icu::RegexPattern& pattern, const icu::
     icu::RegexMatcher* retry = nullptr;
     UErrorCode status = U_ZERO_ERROR;
     while (matcher.find(status) && U_SUCCESS(status)) {
-        const int32_t matchStart = matcher.start(status);
-        int32_t matchEnd = matcher.end(status);
         Range value{matcher.start(group, status), matcher.end(group, status)};
-        while (U_SUCCESS(status)) {
-            if (value.start >= 0 && accept(value)) {
-                ranges.push_back(value);
-                break;
-            }
-            if (matchEnd - 1 <= matchStart) break;
-            if (!retry) {
-                retry = &detail::matcherFor(pattern, text, 1);
-                retry->useTransparentBounds(true);
-                retry->useAnchoringBounds(false);
-            }
-            retry->region(matchStart, matchEnd - 1, status);
-            if (U_FAILURE(status) || !retry->lookingAt(status) || U_FAILURE(status)) break;
-            matchEnd = retry->end(status);
-            value = {retry->start(group, status), retry->end(group, status)};
-        }
+        auto settled = settle(pattern, text, group, matcher.start(status), matcher.end(status), value, retry, accept);
+        if (settled) ranges.push_back(*settled);
+    }
+    if (retry) detail::release(*retry);
+    detail::release(matcher);
+    return ranges;
+}
+
+// The same matches as findAllAccepted when `starts` (ascending) holds every position where a match can
+// begin: each is tried as an anchored match, with the text around it visible to look-arounds, and a match
+// hides the candidates inside it just as a scan would skip them.
+template <class Accept>
+std::vector<Range> findAllAcceptedAt(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group,
+                                     const std::vector<int32_t>& starts, Accept accept) {
+    std::vector<Range> ranges;
+    if (starts.empty()) return ranges;
+    icu::RegexMatcher& matcher = detail::matcherFor(pattern, text, 2);
+    icu::RegexMatcher* retry = nullptr;
+    matcher.useTransparentBounds(true);
+    matcher.useAnchoringBounds(false);
+    UErrorCode status = U_ZERO_ERROR;
+    int32_t scanFrom = 0;
+    for (int32_t start : starts) {
+        if (start < scanFrom) continue;
+        matcher.region(start, text.length(), status);
+        if (U_FAILURE(status)) break;
+        if (!matcher.lookingAt(status) || U_FAILURE(status)) continue;
+        const int32_t matchEnd = matcher.end(status);
+        Range value{matcher.start(group, status), matcher.end(group, status)};
+        auto settled = settle(pattern, text, group, start, matchEnd, value, retry, accept);
+        if (settled) ranges.push_back(*settled);
+        scanFrom = matchEnd;
     }
     if (retry) detail::release(*retry);
     detail::release(matcher);

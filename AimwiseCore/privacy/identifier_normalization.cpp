@@ -42,10 +42,17 @@ Scalar classify(UChar32 c, int32_t start, int32_t end) {
     return {start, end, folded, ScalarKind::other};
 }
 
-bool isASCII(const std::u16string& text) {
-    char16_t any = 0;
-    for (char16_t unit : text) any |= unit;
-    return any < 0x80;
+struct Decoded {
+    UChar32 c;
+    int32_t start;
+    int32_t end;
+};
+
+Decoded decodeAt(const std::u16string& text, int32_t at) {
+    UChar32 c;
+    int32_t next = at;
+    U16_NEXT(text.data(), next, int32_t(text.size()), c);
+    return {c, at, next};
 }
 
 }  // namespace
@@ -54,56 +61,75 @@ NormalizedIdentifierText NormalizedIdentifierText::build(const std::u16string& i
                                                           FormatCharacters formatCharacters) {
     NormalizedIdentifierText result;
     result.input_ = &input;
-    // Nearly all screen text is ASCII, where nothing folds; that case costs one pass and no copy.
-    if (isASCII(input)) return result;
-
-    std::vector<Scalar> scalars;
-    scalars.reserve(input.size());
-    bool anyChanged = false;
     const int32_t length = int32_t(input.size());
+
+    // ASCII never changes, so only the other scalars decide whether a copy is needed at all; nearly all
+    // screen text is ASCII, where this is one pass and no copy.
+    bool anyChanged = false;
     for (int32_t i = 0; i < length;) {
-        int32_t start = i;
-        UChar32 c;
-        U16_NEXT(input.data(), i, length, c);
-        Scalar scalar = classify(c, start, i);
-        if (scalar.folded != c) anyChanged = true;
+        if (input[size_t(i)] < 0x80) {
+            ++i;
+            continue;
+        }
+        Decoded d = decodeAt(input, i);
+        Scalar scalar = classify(d.c, d.start, d.end);
+        if (scalar.folded != d.c) anyChanged = true;
         if (scalar.kind == ScalarKind::format) result.containsFormatCharacters_ = true;
-        scalars.push_back(scalar);
+        i = d.end;
     }
+    const bool removing = formatCharacters == FormatCharacters::removed && result.containsFormatCharacters_;
+    if (!anyChanged && !removing) return result;
 
-    auto deleted = [&](size_t index) {
-        return formatCharacters == FormatCharacters::removed && scalars[index].kind == ScalarKind::format &&
-               index > 0 && index + 1 < scalars.size() && scalars[index - 1].kind == ScalarKind::token &&
-               scalars[index + 1].kind == ScalarKind::token;
-    };
+    // Every scalar yields at most as many units as it had, so the buffers never grow.
+    std::u16string text(input.size(), u'\0');
+    std::vector<int32_t> offsets(input.size() + 1);
+    std::vector<int32_t> ends(input.size());
+    size_t out = 0;
     bool anyDeleted = false;
-    if (formatCharacters == FormatCharacters::removed && result.containsFormatCharacters_)
-        for (size_t index = 0; index < scalars.size() && !anyDeleted; ++index) anyDeleted = deleted(index);
-    if (!anyChanged && !anyDeleted) return result;
-
-    std::u16string text;
-    text.reserve(input.size());
-    std::vector<int32_t> offsets;
-    offsets.reserve(input.size() + 1);
-    std::vector<int32_t> ends;
-    ends.reserve(input.size());
-    for (size_t index = 0; index < scalars.size(); ++index) {
-        if (deleted(index)) continue;
-        const Scalar& scalar = scalars[index];
+    auto kindBefore = [&](int32_t at) {
+        if (at == 0) return ScalarKind::other;
+        int32_t previous = at;
+        U16_BACK_1(input.data(), 0, previous);
+        return classify(decodeAt(input, previous).c, 0, 0).kind;
+    };
+    for (int32_t i = 0; i < length;) {
+        const char16_t unit = input[size_t(i)];
+        if (unit < 0x80) {
+            text[out] = unit;
+            offsets[out] = i;
+            ends[out] = i + 1;
+            ++out;
+            ++i;
+            continue;
+        }
+        Decoded d = decodeAt(input, i);
+        Scalar scalar = classify(d.c, d.start, d.end);
+        i = d.end;
+        // A format character is deleted exactly when a token stands directly on both sides of it.
+        if (removing && scalar.kind == ScalarKind::format && i < length && kindBefore(d.start) == ScalarKind::token &&
+            classify(decodeAt(input, i).c, 0, 0).kind == ScalarKind::token) {
+            anyDeleted = true;
+            continue;
+        }
         if (U_IS_BMP(scalar.folded)) {
-            text.push_back(char16_t(scalar.folded));
-            offsets.push_back(scalar.originalStart);
-            ends.push_back(scalar.originalEnd);
+            text[out] = char16_t(scalar.folded);
+            offsets[out] = scalar.originalStart;
+            ends[out] = scalar.originalEnd;
+            ++out;
         } else {
-            text.push_back(U16_LEAD(scalar.folded));
-            text.push_back(U16_TRAIL(scalar.folded));
-            offsets.push_back(scalar.originalStart);
-            offsets.push_back(scalar.originalStart + 1);
-            ends.push_back(scalar.originalEnd);
-            ends.push_back(scalar.originalEnd);
+            text[out] = U16_LEAD(scalar.folded);
+            text[out + 1] = U16_TRAIL(scalar.folded);
+            offsets[out] = scalar.originalStart;
+            offsets[out + 1] = scalar.originalStart + 1;
+            ends[out] = ends[out + 1] = scalar.originalEnd;
+            out += 2;
         }
     }
-    offsets.push_back(length);
+    text.resize(out);
+    ends.resize(out);
+    offsets.resize(out + 1);
+    offsets[out] = length;
+    if (!anyChanged && !anyDeleted) return result;
     result.changed_ = std::move(text);
     result.originalUTF16Offset_ = std::move(offsets);
     result.originalUTF16End_ = std::move(ends);

@@ -26,6 +26,10 @@ RedactionResult redact(const std::string& text, Scope scope);
 // Absent in, absent out; otherwise the report is merged into `into`.
 std::optional<std::string> redact(const std::optional<std::string>& text, Scope scope, RedactionReport& into);
 
+// The same result, found by letting every pattern scan the whole text instead of only the positions
+// where a match can begin. Slower; it exists so tests and the fuzzer can hold the two to each other.
+RedactionResult redactByFullScan(const std::string& text, Scope scope);
+
 // Compiles every detector now rather than on first use, e.g. before a latency-sensitive loop.
 void prepare();
 
