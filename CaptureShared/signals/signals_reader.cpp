@@ -1,6 +1,7 @@
 #include "CaptureShared/signals/signals_reader.h"
 
 #include <algorithm>
+#include <cctype>
 #include <cmath>
 
 #include "CaptureShared/common/utf8.h"
