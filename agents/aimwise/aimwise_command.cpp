@@ -134,9 +134,10 @@ std::string signalsLine(int64_t now) {
                                  SignalsStaleness::defaultThresholdMs, regimeGapSec);
     const std::string age = SignalsStaleness::humanDuration(now - latest->tsMs) + " ago";
     const std::string front = latest->frontmostApp ? ", front: " + *latest->frontmostApp : "";
-    if (std::holds_alternative<SignalsStaleness::Fresh>(decision) ||
-        std::holds_alternative<SignalsStaleness::StaleButUntrustworthy>(decision))
-        return "Signals: fresh — newest sample " + age + front;
+    if (std::holds_alternative<SignalsStaleness::Fresh>(decision)) return "Signals: fresh — newest sample " + age + front;
+    if (std::holds_alternative<SignalsStaleness::StaleButUntrustworthy>(decision))
+        return "Signals: STALE — newest sample " + age + front +
+               "; the classifier has not run lately, so its next tick would still judge once";
     if (const auto* stale = std::get_if<SignalsStaleness::StaleConfirmed>(&decision))
         return "Signals: STALE — " + SignalsStaleness::reason(stale->gapMs, stale->lastGoodTickAtMs);
     if (const auto* paused = std::get_if<SignalsStaleness::PredatesPause>(&decision))
