@@ -2,28 +2,12 @@
 
 #include <gtest/gtest.h>
 
-#include <set>
-
 #include "AimwiseCore/classifier/classifier_state.h"
 
 namespace aimwise {
 namespace {
 
 using namespace SensitiveSites;
-
-TEST(DomainTables, AreLowerCaseDistinctAndWithoutLeadingDots) {
-    std::set<std::string_view> seen;
-    auto checkTable = [&](auto table) {
-        for (auto domain : table) {
-            EXPECT_TRUE(seen.insert(domain).second) << domain;
-            EXPECT_NE(domain.front(), '.') << domain;
-            EXPECT_NE(domain.find('.'), std::string_view::npos) << domain;
-            for (char c : domain) EXPECT_FALSE(c >= 'A' && c <= 'Z') << domain;
-        }
-    };
-    checkTable(financialDomains);
-    checkTable(medicalDomains);
-}
 
 TEST(HostOf, URLsBareHostsAndNonURLs) {
     EXPECT_EQ(host("https://secure.chase.com/web/auth"), "secure.chase.com");
