@@ -59,6 +59,11 @@ protected:
         return now;
     }
 
+    std::string latestLine(int64_t row, int64_t now) {
+        return "latest tick: " + std::to_string(row) + "ms, now: " + std::to_string(now) +
+               "ms, gap: " + SignalsStaleness::humanDuration(now - row) + "\n";
+    }
+
     testing::TempDir dir_;
     int64_t startMs_ = 0, endMs_ = 0;
 };
@@ -76,9 +81,7 @@ TEST_F(StalenessVerb, ARecentRowIsFresh) {
     const auto result = run();
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     const int64_t now = printedNow(result.standardOutput);
-    EXPECT_EQ(result.standardOutput, "latest tick: " + std::to_string(row) + "ms, now: " + std::to_string(now) +
-                                         "ms, gap: " + SignalsStaleness::humanDuration(now - row) +
-                                         "\nfresh — tick would judge normally\n");
+    EXPECT_EQ(result.standardOutput, latestLine(row, now) + "fresh — tick would judge normally\n");
 }
 
 TEST_F(StalenessVerb, AStaleRowWithoutARecentWakeIsNotYetTrusted) {
@@ -88,9 +91,8 @@ TEST_F(StalenessVerb, AStaleRowWithoutARecentWakeIsNotYetTrusted) {
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     const int64_t now = printedNow(result.standardOutput);
     EXPECT_EQ(result.standardOutput,
-              "latest tick: " + std::to_string(row) + "ms, now: " + std::to_string(now) + "ms, gap: " +
-                  SignalsStaleness::humanDuration(now - row) +
-                  "\nlast classifier wake: none recorded (regime-gap window: 240s)\n"
+              latestLine(row, now) +
+                  "last classifier wake: none recorded (regime-gap window: 240s)\n"
                   "stale but NOT YET trustworthy — plausibly the classifier's own first wake after a gap; tick would "
                   "judge normally this once and re-check next wake\n");
 }
@@ -106,8 +108,7 @@ TEST_F(StalenessVerb, AStaleRowAfterARecentWakeIsConfirmedAndNothingIsWritten) {
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     const int64_t now = printedNow(result.standardOutput);
     EXPECT_EQ(result.standardOutput,
-              "latest tick: " + std::to_string(row) + "ms, now: " + std::to_string(now) + "ms, gap: " +
-                  SignalsStaleness::humanDuration(now - row) + "\nlast classifier wake: " + std::to_string(lastRan) +
+              latestLine(row, now) + "last classifier wake: " + std::to_string(lastRan) +
                   "ms (regime-gap window: 240s)\n"
                   "STALE and trustworthy — tick would REFUSE to judge and write/refresh the stale-signals note: " +
                   SignalsStaleness::reason(now - row, row) + "\n");
