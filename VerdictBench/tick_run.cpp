@@ -218,14 +218,15 @@ int runTick(const Platform& platform) {
     }
 
     LazyHTTPSession session;
-    std::optional<ClassifierState> state;
+    std::optional<ClassifierService::StateWithoutPresence> partial;
     try {
-        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, std::nullopt,
-                                              session);
+        partial = ClassifierService::buildStateWithoutPresence(signals, events ? &*events : nullptr, signalsPath,
+                                                               std::nullopt, session);
     } catch (...) {
         cli::fail("FAIL: " + cli::describe(std::current_exception()));
     }
-    if (!state) cli::fail("no signal data available (volume unmounted or DB empty) — skipping");
+    if (!partial) cli::fail("no signal data available (volume unmounted or DB empty) — skipping");
+    std::optional<ClassifierState> state = partial->state;
 
     // The decision time: the estimate call above may have taken a while.
     cadence = Cadence::read(DataPaths::classifierCadence());
@@ -257,6 +258,13 @@ int runTick(const Platform& platform) {
         const int interval = cadence ? cadence->effectiveInterval(config, episode) : 0;
         return skipped("nothing cheap changed since the last judgment (next in ~" + std::to_string(skip->dueInSec) +
                        "s, interval " + std::to_string(interval) + "s)");
+    }
+
+    // Only a judgment needs the gap fields.
+    try {
+        state = ClassifierService::withPresence(std::move(*partial), signals);
+    } catch (...) {
+        cli::fail("FAIL: " + cli::describe(std::current_exception()));
     }
 
     // Model integrity: nothing goes to a server that is not serving the verified model.

@@ -21,6 +21,8 @@ struct AudioStream {
 };
 
 // Nothing when no reading can be had: no `pactl`, no sound server, or an answer that is not JSON.
+// Playback streams are listed only when some capture stream runs; otherwise only the capture
+// streams come back.
 std::optional<std::vector<AudioStream>> liveStreams();
 
 // `pactl -f json list source-outputs` (capture) or `... sink-inputs` (playback). Nothing for text

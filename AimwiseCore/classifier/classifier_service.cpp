@@ -110,9 +110,10 @@ std::vector<std::string> Outcome::privacyLogLines() const {
     return lines;
 }
 
-std::optional<ClassifierState> buildState(const SignalsReader& signals, const std::vector<EventLogEvent>* jsonlEvents,
-                                          const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
-                                          LazyHTTPSession& session) {
+std::optional<StateWithoutPresence> buildStateWithoutPresence(const SignalsReader& signals,
+                                                              const std::vector<EventLogEvent>* jsonlEvents,
+                                                              const std::filesystem::path& signalsPath,
+                                                              std::optional<int64_t> asOfMs, LazyHTTPSession& session) {
     const std::optional<SignalsReader::TickRow> row = signals.latestTick(asOfMs);
     if (!row) return std::nullopt;
 
@@ -131,22 +132,32 @@ std::optional<ClassifierState> buildState(const SignalsReader& signals, const st
     const Declaration declaration = findDeclaration(signals, jsonlEvents, row->tsMs);
     if (declaration.tsMs) state.minutesSinceDeclared = minutesBetween(*declaration.tsMs, row->tsMs);
 
-    const bool hasDeclaredText = state.declaredTask && !state.declaredTask->empty();
     state.estimateMinutes = declaration.horizonMinutes;
-    if (!state.estimateMinutes && hasDeclaredText)
+    if (!state.estimateMinutes && state.declaredTask && !state.declaredTask->empty())
         state.estimateMinutes = estimateFor(signals, *state.declaredTask, signalsPath, session);
     if (state.minutesSinceDeclared && state.estimateMinutes)
         state.minutesOverEstimate = truncatedToOneDecimal(*state.minutesSinceDeclared - *state.estimateMinutes);
+    return StateWithoutPresence{std::move(state), declaration.tsMs};
+}
 
-    if (hasDeclaredText) {
-        const auto walk = signals.presenceGap(row->tsMs, staleGapLookbackMs, idleAwaySec, maxContinuityGapMs,
-                                              presenceWalkLimit);
-        const GapFields gap = gapFields(walk, row->tsMs, declaration.tsMs, state.estimateMinutes);
-        state.gapSinceLastPresentMinutes = gap.gapSinceLastPresentMinutes;
-        state.gapFollowedTaskEndpoint = gap.gapFollowedTaskEndpoint;
-        state.minutesSinceReturn = gap.minutesSinceReturn;
-    }
-    return state;
+ClassifierState withPresence(StateWithoutPresence partial, const SignalsReader& signals) {
+    ClassifierState& state = partial.state;
+    if (!state.declaredTask || state.declaredTask->empty()) return std::move(state);
+    const auto walk =
+        signals.presenceGap(state.tsMs, staleGapLookbackMs, idleAwaySec, maxContinuityGapMs, presenceWalkLimit);
+    const GapFields gap = gapFields(walk, state.tsMs, partial.declaredAtMs, state.estimateMinutes);
+    state.gapSinceLastPresentMinutes = gap.gapSinceLastPresentMinutes;
+    state.gapFollowedTaskEndpoint = gap.gapFollowedTaskEndpoint;
+    state.minutesSinceReturn = gap.minutesSinceReturn;
+    return std::move(state);
+}
+
+std::optional<ClassifierState> buildState(const SignalsReader& signals, const std::vector<EventLogEvent>* jsonlEvents,
+                                          const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
+                                          LazyHTTPSession& session) {
+    auto partial = buildStateWithoutPresence(signals, jsonlEvents, signalsPath, asOfMs, session);
+    if (!partial) return std::nullopt;
+    return withPresence(std::move(*partial), signals);
 }
 
 std::optional<ClassifierJudgment> guardVerdict(const ClassifierState& state,

@@ -42,6 +42,19 @@ std::optional<ClassifierState> buildState(const SignalsReader& signals, const st
                                           const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
                                           LazyHTTPSession& session);
 
+// `buildState` in two steps, for the tick: the presence walk behind the three gap fields reads up to
+// 100 000 rows, and a tick that decides to skip needs none of them.
+struct StateWithoutPresence {
+    ClassifierState state;  // gap fields not yet filled in
+    std::optional<int64_t> declaredAtMs;
+};
+std::optional<StateWithoutPresence> buildStateWithoutPresence(const SignalsReader& signals,
+                                                              const std::vector<EventLogEvent>* jsonlEvents,
+                                                              const std::filesystem::path& signalsPath,
+                                                              std::optional<int64_t> asOfMs, LazyHTTPSession& session);
+// Throws SignalsReaderError.
+ClassifierState withPresence(StateWithoutPresence partial, const SignalsReader& signals);
+
 // A verdict from the guards (lock screen, away, own window, stale declaration) calls no model.
 // Throws what the main chat call throws; a failed privacy check never throws.
 Outcome judge(const ClassifierState& state, const std::optional<std::string>& taskOverride,

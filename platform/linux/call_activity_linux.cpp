@@ -1,5 +1,7 @@
 #include "platform/call_activity.h"
 
+#include <algorithm>
+
 #include <nlohmann/json.hpp>
 
 #include "platform/bounded_process.h"
@@ -57,8 +59,14 @@ std::optional<std::vector<AudioStream>> liveStreams() {
     const auto pactl = BoundedProcess::findInPath("pactl");
     if (!pactl) return std::nullopt;
     auto captures = listStreams(*pactl, "source-outputs", AudioStream::Direction::capture);
+    if (!captures) return std::nullopt;
+    // Without a running capture stream there is no call to find, and that is most ticks: the
+    // second child process is spent only when something records.
+    const bool recording =
+        std::any_of(captures->begin(), captures->end(), [](const AudioStream& stream) { return !stream.corked; });
+    if (!recording) return captures;
     auto playbacks = listStreams(*pactl, "sink-inputs", AudioStream::Direction::playback);
-    if (!captures || !playbacks) return std::nullopt;
+    if (!playbacks) return std::nullopt;
     captures->insert(captures->end(), playbacks->begin(), playbacks->end());
     return captures;
 }

@@ -1,0 +1,248 @@
+// Whole-process cost of `VerdictBench tick`: the skip that most wakes end in, a judging tick against
+// a model server that answers at once (no screen capture), and the sqlite3 shell reading one row the
+// same way as a floor. Each iteration is one child process; the time is its wall time and the
+// counter its peak resident set, as /usr/bin/time reports them.
+//
+// AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there for scripts/bench-tick.
+#include <benchmark/benchmark.h>
+#include <fcntl.h>
+#include <netinet/in.h>
+#include <spawn.h>
+#include <stdlib.h>
+#include <sys/resource.h>
+#include <sys/socket.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+#include "AimwiseCore/classifier/cadence.h"
+#include "CaptureShared/signals/schema.h"
+#include "CaptureShared/signals/sqlite_db.h"
+
+extern char** environ;
+
+namespace {
+
+namespace fs = std::filesystem;
+
+int64_t wallClockMs() {
+    using namespace std::chrono;
+    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
+}
+
+// Just enough of the model server for a tick: /props names a model file, the chat route answers a
+// verdict, both at once.
+class InstantModelServer {
+public:
+    InstantModelServer() {
+        listenFd_ = ::socket(AF_INET, SOCK_STREAM, 0);
+        sockaddr_in address{};
+        address.sin_family = AF_INET;
+        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
+        socklen_t length = sizeof address;
+        if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(listenFd_, 16) != 0 ||
+            ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
+            std::abort();
+        port_ = ntohs(address.sin_port);
+        thread_ = std::thread([this] { serve(); });
+    }
+    ~InstantModelServer() {
+        stopping_ = true;
+        ::shutdown(listenFd_, SHUT_RDWR);
+        ::close(listenFd_);
+        thread_.join();
+    }
+    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
+
+private:
+    void serve() {
+        while (!stopping_) {
+            const int fd = ::accept(listenFd_, nullptr, nullptr);
+            if (fd < 0) continue;
+            answer(fd);
+            ::close(fd);
+        }
+    }
+    static void answer(int fd) {
+        std::string request;
+        char buffer[65536];
+        size_t headerEnd = std::string::npos;
+        size_t contentLength = 0;
+        while (true) {
+            const ssize_t got = ::read(fd, buffer, sizeof buffer);
+            if (got <= 0) return;
+            request.append(buffer, static_cast<size_t>(got));
+            if (headerEnd == std::string::npos && (headerEnd = request.find("\r\n\r\n")) != std::string::npos) {
+                const size_t at = request.find("Content-Length: ");
+                if (at != std::string::npos && at < headerEnd) contentLength = std::stoul(request.substr(at + 16));
+            }
+            if (headerEnd != std::string::npos && request.size() >= headerEnd + 4 + contentLength) break;
+        }
+        const bool props = request.rfind("GET /props", 0) == 0;
+        const std::string body =
+            props ? R"({"model_path":"/models/bench.gguf"})"
+                  : R"({"choices":[{"index":0,"finish_reason":"stop","message":{"role":"assistant","content":)"
+                    R"("{\"state\": \"ON_TASK\", \"confidence\": 0.9, \"reason\": \"Writing the report.\"}"}}]})";
+        const std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n"
+                                  "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
+        (void)!::write(fd, reply.data(), reply.size());
+    }
+
+    int listenFd_ = -1;
+    int port_ = 0;
+    std::atomic<bool> stopping_{false};
+    std::thread thread_;
+};
+
+// A day of capture ending now, with a declared task whose estimate is cached.
+struct DataRoot {
+    fs::path directory;
+    bool keep = false;
+
+    DataRoot() {
+        if (const char* kept = std::getenv("AIMWISE_TICK_BENCH_ROOT")) {
+            directory = kept;
+            keep = true;
+            fs::remove_all(directory);
+            fs::create_directories(directory);
+        } else {
+            std::string pattern = (fs::temp_directory_path() / "tick-bench-XXXXXX").string();
+            if (!mkdtemp(pattern.data())) std::abort();
+            directory = pattern;
+        }
+        fs::create_directories(root() / "io-layer");
+        aimwise::SQLiteDB db = aimwise::SQLiteDB::open(root() / "signals.sqlite");
+        aimwise::Schema::createAll(db);
+        const int64_t now = wallClockMs();
+        db.exec("BEGIN");
+        for (int64_t ts = now - 86'400'000; ts < now; ts += 1'500)
+            db.insert("INSERT INTO ticks (ts_ms, frontmost_app, idle_any_sec, declared_task) VALUES (?, ?, ?, ?)",
+                      {ts, "Editor", 2.0, "write the quarterly report"});
+        db.insert("INSERT INTO events (ts_ms, type) VALUES (?, 'task_declared')", {now - 3'600'000});
+        db.exec("COMMIT");
+        db.exec("CREATE TABLE IF NOT EXISTS estimate_cache (declared_task TEXT PRIMARY KEY, estimated_minutes REAL, "
+                "reason TEXT, parsed_at_ms INTEGER)");
+        db.insert("INSERT INTO estimate_cache VALUES ('write the quarterly report', 120, 'two hours', ?)", {now});
+    }
+    ~DataRoot() {
+        std::error_code ignored;
+        if (!keep) fs::remove_all(directory, ignored);
+    }
+    fs::path root() const { return directory / "root"; }
+
+    // A row of this instant in the front window that the cadence last judged a moment ago.
+    void freshRowJudgedJustNow() const {
+        aimwise::SQLiteDB db = aimwise::SQLiteDB::open(root() / "signals.sqlite");
+        const int64_t now = wallClockMs();
+        db.insert("INSERT INTO ticks (ts_ms, frontmost_app, idle_any_sec, declared_task) VALUES (?, ?, ?, ?)",
+                  {now, "Editor", 2.0, "write the quarterly report"});
+        aimwise::ClassifierCadence::State state;
+        state.lastRanAtMs = state.lastJudgedAtMs = state.runStartedAtMs = now - 1'000;
+        state.lastVerdict = "ON_TASK";
+        state.lastFrontmostApp = "Editor";
+        aimwise::ClassifierCadence::write(state, root() / "classifier-cadence.json");
+    }
+};
+
+const DataRoot& dataRoot() {
+    static const DataRoot instance;
+    return instance;
+}
+
+// VerdictBench is built into the same directory as this program.
+std::string verdictBench() { return (fs::read_symlink("/proc/self/exe").parent_path() / "VerdictBench").string(); }
+
+struct ChildCost {
+    double wallSec = 0;
+    long maxRSSKiB = 0;
+    int status = -1;
+};
+
+ChildCost runChild(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
+    std::vector<char*> argv, envp;
+    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
+    argv.push_back(nullptr);
+    for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
+    envp.push_back(nullptr);
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
+    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
+    const auto start = std::chrono::steady_clock::now();
+    pid_t pid = 0;
+    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) std::abort();
+    int status = 0;
+    rusage usage{};
+    ::wait4(pid, &status, 0, &usage);
+    const auto end = std::chrono::steady_clock::now();
+    posix_spawn_file_actions_destroy(&actions);
+    return {std::chrono::duration<double>(end - start).count(), usage.ru_maxrss,
+            WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+}
+
+std::vector<std::string> tickEnvironment(const std::string& endpoint) {
+    const fs::path home = dataRoot().directory;
+    return {"AIMCAP_DATA_ROOT=" + dataRoot().root().string(), "XDG_DATA_HOME=" + (home / "xdg").string(),
+            "XDG_STATE_HOME=" + (home / "state").string(), "HOME=" + home.string(),
+            "AIMCAP_LOCAL_INFERENCE_ENDPOINT=" + endpoint, "AIMCHECK_MODEL=bench-model", "PATH=/usr/bin:/bin"};
+}
+
+void report(benchmark::State& state, const ChildCost& cost, long& rssTotal) {
+    state.SetIterationTime(cost.wallSec);
+    rssTotal += cost.maxRSSKiB;
+    if (cost.status != 0) state.SkipWithError("the child failed");
+}
+
+void BM_TickThatSkips(benchmark::State& state) {
+    const auto environment = tickEnvironment("http://127.0.0.1:9");  // a skip must never reach it
+    long rss = 0;
+    for (auto _ : state) {
+        dataRoot().freshRowJudgedJustNow();
+        report(state, runChild({verdictBench(), "tick"}, environment), rss);
+    }
+    state.counters["maxRSS_KiB"] = benchmark::Counter(static_cast<double>(rss), benchmark::Counter::kAvgIterations);
+}
+BENCHMARK(BM_TickThatSkips)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
+
+void BM_TickThatJudgesWithAnInstantServer(benchmark::State& state) {
+    InstantModelServer server;
+    const auto environment = tickEnvironment(server.baseURL());
+    long rss = 0;
+    for (auto _ : state) {
+        dataRoot().freshRowJudgedJustNow();
+        fs::remove(dataRoot().root() / "classifier-cadence.json");  // no prior state: a judgment is due
+        report(state, runChild({verdictBench(), "tick"}, environment), rss);
+    }
+    state.counters["maxRSS_KiB"] = benchmark::Counter(static_cast<double>(rss), benchmark::Counter::kAvgIterations);
+}
+BENCHMARK(BM_TickThatJudgesWithAnInstantServer)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(20)
+    ->Repetitions(5);
+
+void BM_Sqlite3ShellReadingTheNewestRow(benchmark::State& state) {
+    const std::string database = (dataRoot().root() / "signals.sqlite").string();
+    long rss = 0;
+    for (auto _ : state)
+        report(state,
+               runChild({"sqlite3", database, "SELECT ts_ms FROM ticks ORDER BY ts_ms DESC LIMIT 1"},
+                        {"PATH=/usr/bin:/bin"}),
+               rss);
+    state.counters["maxRSS_KiB"] = benchmark::Counter(static_cast<double>(rss), benchmark::Counter::kAvgIterations);
+}
+BENCHMARK(BM_Sqlite3ShellReadingTheNewestRow)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(30)
+    ->Repetitions(5);
+
+}  // namespace
+
+BENCHMARK_MAIN();
