@@ -83,7 +83,6 @@ struct X11Desktop::Impl {
     std::map<Window, Tracked> tracked;
     std::vector<Window> stacking;  // bottom to top
     std::optional<Window> active;
-    bool stackingFromHints = false;
     bool activeFromHints = false;
     bool listDirty = true;
     bool activeDirty = true;
@@ -274,7 +273,6 @@ struct X11Desktop::Impl {
     void refreshStacking() {
         std::optional<std::vector<Window>> hinted =
             listProperty<Window>(root, atoms.clientListStacking, XA_WINDOW);
-        stackingFromHints = hinted.has_value();
         if (hinted) {
             stacking = std::move(*hinted);
         } else {
@@ -329,7 +327,7 @@ struct X11Desktop::Impl {
         }
     }
 
-    std::optional<DesktopWindow> describe(Window window, const Tracked& entry) const {
+    DesktopWindow describe(Window window, const Tracked& entry) const {
         const auto identity = AppIdentity::fromWMClass(entry.instance, entry.className);
         DesktopWindow out;
         out.id = window;
@@ -363,7 +361,7 @@ struct X11Desktop::Impl {
         for (auto it = stacking.rbegin(); it != stacking.rend(); ++it) {
             const Tracked* entry = ensureTracked(*it);
             if (!entry || !entry->viewable || entry->overrideRedirect || entry->inputOnly) continue;
-            if (auto window = describe(*it, *entry)) snapshot.windows.push_back(std::move(*window));
+            snapshot.windows.push_back(describe(*it, *entry));
         }
         if (active) {
             if (const Tracked* entry = ensureTracked(*active)) snapshot.front = describe(*active, *entry);
@@ -434,6 +432,5 @@ X11Desktop::~X11Desktop() = default;
 
 std::optional<DesktopSnapshot> X11Desktop::sample() { return impl_->sample(); }
 bool X11Desktop::lost() const { return impl_->connectionLost; }
-bool X11Desktop::hasWindowManagerHints() const { return impl_->stackingFromHints && impl_->activeFromHints; }
 
 }  // namespace aimwise

@@ -44,8 +44,6 @@ public:
     // Nothing once the connection is lost; the caller then drops this object and connects anew.
     std::optional<DesktopSnapshot> sample();
     bool lost() const;
-    // Whether the window manager publishes the EWMH stacking list and active window.
-    bool hasWindowManagerHints() const;
 
     struct Impl;
 

@@ -5,6 +5,7 @@
 #include <sstream>
 
 #include "CaptureShared/signals/signals_reader.h"
+#include "agents/capture/capture_agent.h"
 #include "agents/tests/agent_test_support.h"
 #include "agents/tests/x11_test_display.h"
 #include "tests/support/run_process.h"
@@ -189,6 +190,16 @@ TEST_F(CaptureAgentTest, NoDisplayMeansNoRowsAndAClearMessage) {
     EXPECT_EQ(run.exitStatus, 1);
     EXPECT_NE(run.standardError.find("DISPLAY is not set"), std::string::npos) << run.standardError;
     EXPECT_FALSE(std::filesystem::exists(sandbox.signals()));
+}
+
+TEST(WaylandNoticeTest, AWaylandSessionIsToldWhatCanBeSeen) {
+    EXPECT_EQ(waylandNotice({{"XDG_SESSION_TYPE", "x11"}, {"DISPLAY", ":0"}}), std::nullopt);
+    EXPECT_EQ(waylandNotice({{"WAYLAND_DISPLAY", ""}}), std::nullopt);
+    for (const Environment& wayland : {Environment{{"XDG_SESSION_TYPE", "wayland"}}, Environment{{"WAYLAND_DISPLAY", "wayland-0"}}}) {
+        const auto notice = waylandNotice(wayland);
+        ASSERT_TRUE(notice);
+        EXPECT_NE(notice->find("only applications running through XWayland"), std::string::npos);
+    }
 }
 
 }  // namespace

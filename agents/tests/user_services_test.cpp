@@ -17,6 +17,17 @@ TEST(UserServicesTest, TheCaptureUnitStartsTheBuiltAgentAndKeepsItRunning) {
     EXPECT_NE(capture->text.find("ExecStart=" + capturePath() + "\n"), std::string::npos) << capture->text;
     EXPECT_NE(capture->text.find("Restart=always"), std::string::npos);
     EXPECT_EQ(capture->text.find('@'), std::string::npos) << "a placeholder was left unfilled";
+    // Every unit that starts a program starts the one this build made.
+    for (const auto& unit : units) {
+        for (size_t at = unit.text.find("\nExecStart="); at != std::string::npos;
+             at = unit.text.find("\nExecStart=", at + 1)) {
+            const std::string program = unit.text.substr(at + 11, unit.text.find_first_of(" \n", at + 11) - at - 11);
+            EXPECT_EQ(program.rfind(std::string(AIMWISE_BINARY_DIR) + "/bin/", 0), 0u) << unit.name << ": " << program;
+            EXPECT_TRUE(std::filesystem::path(program).filename() == "aimwise-capture" ||
+                        std::filesystem::path(program).filename() == "VerdictBench")
+                << program;
+        }
+    }
 }
 
 TEST(UserServicesTest, TimersAreEnabledInsteadOfTheServicesTheyStart) {
