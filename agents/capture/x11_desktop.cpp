@@ -238,6 +238,8 @@ struct X11Desktop::Impl {
                     if (property == XA_WM_CLASS || property == atoms.pid || property == atoms.windowType)
                         it->second.staticKnown = false;
                 }
+            } else if (about == root && isMenuOrTooltip(event)) {
+                // Menus and tooltips come and go all the time and are never listed.
             } else if (about == root) {
                 // A top-level window (or its frame) was created, mapped, moved or restacked: frames
                 // are not tracked, so every tracked position may have changed.
@@ -247,6 +249,15 @@ struct X11Desktop::Impl {
                 else it->second.dynamicKnown = false;
                 listDirty = true;
             }
+        }
+    }
+
+    static bool isMenuOrTooltip(const XEvent& event) {
+        switch (event.type) {
+            case CreateNotify: return event.xcreatewindow.override_redirect;
+            case MapNotify: return event.xmap.override_redirect;
+            case ConfigureNotify: return event.xconfigure.override_redirect;
+            default: return false;
         }
     }
 
