@@ -4,6 +4,7 @@
 #include <unicode/utf8.h>
 
 #include <algorithm>
+#include <cstring>
 #include <memory>
 #include <string_view>
 #include <vector>
@@ -189,6 +190,14 @@ Scan scanUTF8(const std::string& text) {
     if (highBit < 0x80) return scan;
     const int32_t length = int32_t(size);
     for (int32_t i = 0; i < length;) {
+        if (i + 8 <= length) {
+            uint64_t word;
+            std::memcpy(&word, bytes + i, sizeof word);
+            if ((word & 0x8080808080808080ull) == 0) {
+                i += 8;
+                continue;
+            }
+        }
         if (bytes[i] < 0x80) {
             ++i;
             continue;
