@@ -155,6 +155,21 @@ TEST_P(LocalInferenceWireSend, AnotherStatusIsAnHTTPErrorWithItsBody) {
     }
 }
 
+TEST_P(LocalInferenceWireSend, PostsToTheTokenizerAndTemplateRoutes) {
+    testing::ScriptedModelServer server(GetParam());
+    HTTPSession session;
+    HTTPRequest request;
+    request.method = "POST";
+    request.headers = {{"Content-Type", "application/json"}};
+    request.url = server.baseURL().appendingPath("tokenize");
+    request.body = R"({"content":"three little words","add_special":false,"with_pieces":false})";
+    EXPECT_EQ(LocalInferenceWire::send(request, session).body, R"({"tokens":[1,2,3]})");
+    request.url = server.baseURL().appendingPath("apply-template");
+    request.body = R"({"messages":[{"role":"system","content":"s"},{"role":"user","content":"u"}]})";
+    EXPECT_EQ(LocalInferenceWire::send(request, session).body, R"({"prompt":"<|system|>s\n<|user|>u\n"})");
+    EXPECT_EQ(server.requests("/apply-template").at(0).body, request.body);
+}
+
 INSTANTIATE_TEST_SUITE_P(BothTransports, LocalInferenceWireSend,
                          ::testing::Values(testing::ScriptedModelServer::Transport::tcp,
                                            testing::ScriptedModelServer::Transport::unixSocket));

@@ -369,6 +369,20 @@ TEST_P(LocalModelBackendTest, AStreamThatStallsEndsAtTheTimeout) {
     EXPECT_LT(std::chrono::steady_clock::now() - start, std::chrono::seconds(3));
 }
 
+TEST_P(LocalModelBackendTest, ConcurrentCallsShareOneSession) {
+    auto model = backend();
+    std::vector<std::thread> threads;
+    std::vector<std::string> answers(8);
+    for (size_t i = 0; i < answers.size(); ++i)
+        threads.emplace_back([&, i] {
+            std::vector<ChatMessage> messages{ChatMessage::user("caller " + std::to_string(i))};
+            for (int round = 0; round < 5; ++round) answers[i] = model->chat(messages, std::nullopt, options).text;
+        });
+    for (std::thread& thread : threads) thread.join();
+    for (size_t i = 0; i < answers.size(); ++i) EXPECT_EQ(answers[i], "echo: caller " + std::to_string(i));
+    EXPECT_EQ(server.requests().size(), 40u);
+}
+
 // ---- cancellation ----
 
 TEST_P(LocalModelBackendTest, CancellingACallInFlightEndsItPromptly) {
