@@ -3,11 +3,13 @@
 #include <sys/stat.h>
 #include <unicode/locid.h>
 #include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
 #include <unicode/unistr.h>
 
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <map>
 #include <memory>
 #include <mutex>
 
@@ -30,12 +32,21 @@ std::mutex lock;
 std::optional<Cache> cache;
 Statistics counters;
 
+// Building an ICU formatter costs more than the whole scan of a window, so each thread keeps one
+// per pattern, following the default zone if it changes.
 std::string formatted(int64_t ms, const char16_t* pattern) {
-    UErrorCode status = U_ZERO_ERROR;
-    icu::SimpleDateFormat format(icu::UnicodeString(pattern), icu::Locale("en_US_POSIX"), status);
-    if (U_FAILURE(status)) return {};
+    thread_local std::map<const char16_t*, std::unique_ptr<icu::SimpleDateFormat>> formatters;
+    auto& format = formatters[pattern];
+    if (!format) {
+        UErrorCode status = U_ZERO_ERROR;
+        auto made = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(pattern), icu::Locale("en_US_POSIX"), status);
+        if (U_FAILURE(status)) return {};
+        format = std::move(made);
+    }
+    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
+    if (zone && format->getTimeZone() != *zone) format->adoptTimeZone(zone.release());
     icu::UnicodeString out;
-    format.format(static_cast<UDate>(ms), out);
+    format->format(static_cast<UDate>(ms), out);
     std::string utf8;
     out.toUTF8String(utf8);
     return utf8;
