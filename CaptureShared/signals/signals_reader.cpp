@@ -119,6 +119,8 @@ SignalsReader SignalsReader::open(const std::filesystem::path& path) {
         sqlite3_close_v2(raw);
         throw SignalsReaderError{SignalsReaderError::Kind::openFailed, std::move(message)};
     }
+    // The capture agent's checkpoints hold the lock for a moment; wait that out rather than fail.
+    sqlite3_busy_timeout(raw, 1000);
     return SignalsReader(raw);
 }
 
