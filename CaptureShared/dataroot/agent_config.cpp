@@ -253,7 +253,7 @@ bool writeExampleIfAbsent(const std::optional<fs::path>& at) {
 }
 
 void setEnvValue(const std::optional<std::string>& value, const std::string& key, const std::optional<fs::path>& at) {
-    if (!allowedKeys().contains(key)) throw ConfigWriteError{ConfigWriteError::Kind::unsupportedKeys, {key}, {}};
+    if (!allowedKeys().contains(key)) throw ConfigWriteError{ConfigWriteError::Kind::unsupportedKeys, {key}, {}, {}};
     ParseResult current = load(at);
     if (current.parseError) throw malformed(*current.parseError, resolve(at));
     const std::string trimmed = value ? trimWhitespaceAndNewlines(*value) : std::string();
@@ -268,7 +268,7 @@ void setEnvSettings(const std::map<std::string, std::string>& settings, const st
     std::vector<std::string> unsupported;
     for (const auto& [key, value] : settings)
         if (!allowedKeys().contains(key)) unsupported.push_back(key);
-    if (!unsupported.empty()) throw ConfigWriteError{ConfigWriteError::Kind::unsupportedKeys, unsupported, {}};
+    if (!unsupported.empty()) throw ConfigWriteError{ConfigWriteError::Kind::unsupportedKeys, unsupported, {}, {}};
 
     const fs::path path = resolve(at);
     fs::create_directories(path.parent_path());

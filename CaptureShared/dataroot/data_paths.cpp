@@ -165,16 +165,16 @@ void setConfiguredRoot(const fs::path& root) {
         try {
             text = readWholeFile(path);
         } catch (...) {
-            throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config exists but could not be read"};
+            throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config exists but could not be read", {}};
         }
         if (!trimWhitespaceAndNewlines(text).empty()) {
             try {
                 top = nlohmann::json::parse(text);
             } catch (...) {
-                throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config is not valid JSON"};
+                throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config is not valid JSON", {}};
             }
             if (!top.is_object())
-                throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config must be a JSON object"};
+                throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config must be a JSON object", {}};
         }
     }
     top["dataRoot"] = root.string();
