@@ -34,14 +34,5 @@ TEST(CallActivityProbe, PausedStreamsAndTwoProcessesAreNoCall) {
                     .inTwoWayCall());
 }
 
-TEST(LivePowerSnapshot, AKnownBatteryStateIsTheLiveSource) {
-    using Source = ClassifierPowerPolicy::PowerSource;
-    EXPECT_EQ(LivePowerSnapshot::fromSource({true, false}).liveSource, Source::battery);
-    EXPECT_EQ(LivePowerSnapshot::fromSource({false, true}).liveSource, Source::ac);
-    const auto unknown = LivePowerSnapshot::fromSource({std::nullopt, true});
-    EXPECT_FALSE(unknown.liveSource);
-    EXPECT_EQ(unknown.isPluggedIn, true);
-}
-
 }  // namespace
 }  // namespace aimwise

@@ -84,18 +84,6 @@ TEST(ReasonPrivacyCheckResult, RecordValuesAndLogLinesNameTriggerAndCause) {
     }
 }
 
-TEST(ReasonPrivacyCheckPrompts, EachTriggerHasItsOwnScreenPhraseAndGenericReason) {
-    EXPECT_NE(Check::systemPrompt(medical).find("showed a medical or health site, which means"), std::string::npos);
-    EXPECT_NE(Check::systemPrompt(identifiers).find("showed account, card or ID numbers, which means"),
-              std::string::npos);
-    EXPECT_EQ(Check::genericReason(financial),
-              "Reason withheld for privacy on a banking or other financial screen; judge from the verdict and that "
-              "category.");
-    EXPECT_EQ(Check::userMessage("You read mail.", std::nullopt),
-              "DECLARED INTENTION:\n(none declared)\n\nSENTENCE:\nYou read mail.\n\nDoes the sentence carry private "
-              "details from that screen? Reply {\"private\": true|false}.");
-}
-
 TEST(ReasonPrivacyCheckCall, AFailedCallGivesTheGenericReasonAndCancellationPassesThrough) {
     ScriptedModelServer server(ScriptedModelServer::Transport::unixSocket);
     server.enqueue("/v1/chat/completions", ScriptedModelServer::Reply::json(

@@ -1,6 +1,8 @@
 #include "platform/call_activity.h"
 
 #include <algorithm>
+#include <cstdlib>
+#include <filesystem>
 
 #include <nlohmann/json.hpp>
 
@@ -55,7 +57,22 @@ std::optional<std::vector<AudioStream>> parsePactlStreams(std::string_view json,
     return streams;
 }
 
+namespace {
+
+// The sound server's socket, where PulseAudio and PipeWire's Pulse service both put it. Without it
+// pactl can only fail, and starting it would cost every tick a child process for nothing.
+bool soundServerReachable() {
+    if (const char* server = std::getenv("PULSE_SERVER"); server && *server) return true;
+    const char* runtime = std::getenv("XDG_RUNTIME_DIR");
+    if (!runtime || !*runtime) return true;  // let pactl find it the way it knows
+    std::error_code error;
+    return std::filesystem::exists(std::filesystem::path(runtime) / "pulse" / "native", error);
+}
+
+}  // namespace
+
 std::optional<std::vector<AudioStream>> liveStreams() {
+    if (!soundServerReachable()) return std::nullopt;
     const auto pactl = BoundedProcess::findInPath("pactl");
     if (!pactl) return std::nullopt;
     auto captures = listStreams(*pactl, "source-outputs", AudioStream::Direction::capture);
