@@ -9,6 +9,7 @@
 namespace aimwise {
 namespace {
 
+// The form may be the input itself, so callers keep the input alive for as long as they use the form.
 NormalizedIdentifierText plain(const std::u16string& input) {
     return NormalizedIdentifierText::build(input, FormatCharacters::kept);
 }
@@ -39,7 +40,8 @@ TEST(NormalizedForm, LookAlikesFoldToASCII) {
 }
 
 TEST(NormalizedForm, FormatCharactersGoOnlyWhenTheyJoinTwoTokens) {
-    auto kept = plain(u"12\u200B34");
+    const std::u16string input = u"12\u200B34";
+    auto kept = plain(input);
     EXPECT_TRUE(kept.containsFormatCharacters());
     EXPECT_EQ(kept.text(), u"12\u200B34");
     EXPECT_EQ(removed(u"12\u200B34").text(), u"1234");
