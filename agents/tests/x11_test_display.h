@@ -213,8 +213,6 @@ public:
         XSync(display_, False);
     }
     Display* display() const { return display_; }
-    // After the server died: closing the connection would only raise an I/O error.
-    void abandon() { display_ = nullptr; }
 
 private:
     Atom atom(const char* name) { return XInternAtom(display_, name, False); }
