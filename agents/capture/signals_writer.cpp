@@ -39,6 +39,8 @@ SignalsWriter::SignalsWriter(std::filesystem::path path) : path_(std::move(path)
     // WAL keeps the file consistent through a power cut; syncing every instant would only keep
     // the last second or two, at a disk write each time.
     db_.exec("PRAGMA synchronous=NORMAL;");
+    // Rows only ever go on the end of the tables; a small page cache does and keeps the agent small.
+    db_.exec("PRAGMA cache_size=-512;");
     struct stat info{};
     if (stat(path_.c_str(), &info) == 0) {
         device_ = info.st_dev;
