@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <ctime>
 
 #include "AimwiseCore/events/classifier_tick.h"
 #include "platform/tests/x_display.h"
@@ -98,6 +99,19 @@ TEST_F(ClassifierOnDisplay, JudgeReadsTheFrontWindowSendsItsTextAndKeepsNoPictur
     const std::string message = judgmentUserMessage();
     EXPECT_NE(message.find("Quarterly plan draft"), std::string::npos) << message;
     EXPECT_NE(message.find("A text editor with a plan."), std::string::npos) << message;
+    EXPECT_TRUE(tmpIsEmpty());
+}
+
+TEST_F(ClassifierOnDisplay, JudgeAtAGivenInstantCapturesNothingEvenWithAScreen) {
+    TestWindow editor(*display_, "Editor", editorRect, {"Quarterly plan draft"}, 20);
+    const std::time_t inAMinute = std::time(nullptr) + 60;
+    char stamp[32];
+    std::strftime(stamp, sizeof stamp, "%Y-%m-%dT%H:%M:%SZ", std::gmtime(&inAMinute));
+    const auto result = run({"judge", stamp});
+    ASSERT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_NE(result.standardOutput.find("\nwindow_content: nil\n\n"), std::string::npos) << result.standardOutput;
+    EXPECT_EQ(judgmentUserMessage().find("Quarterly plan draft"), std::string::npos);
+    for (const auto& request : server.requests(chatPath)) EXPECT_FALSE(isDescribeRequest(request));
     EXPECT_TRUE(tmpIsEmpty());
 }
 
