@@ -5,7 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
-#include "AimwiseCore/events/iso8601.h"
+#include "CaptureShared/common/iso_date.h"
 
 namespace aimwise::cli {
 
@@ -68,7 +68,7 @@ void fail(const std::string& message) {
     std::exit(1);
 }
 
-std::optional<int64_t> parseInternetDateTime(const std::string& text) { return Iso8601::parseInternetDateTime(text); }
+std::optional<int64_t> parseInternetDateTime(const std::string& text) { return IsoDate::parse(text); }
 
 std::optional<int64_t> parseAsOf(const std::optional<std::string>& text) {
     if (!text) return std::nullopt;

@@ -9,7 +9,7 @@
 #include <ctime>
 #include <nlohmann/json.hpp>
 
-#include "AimwiseCore/events/iso8601.h"
+#include "CaptureShared/common/iso_date.h"
 #include "AimwiseCore/models/local_inference_wire.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/dataroot/data_paths.h"
@@ -226,7 +226,7 @@ std::optional<RefusalNote> readRefusalNote(const std::filesystem::path& from) {
     auto at = value.find("at");
     if (at == value.end()) return std::nullopt;
     if (at->is_string()) {
-        std::optional<int64_t> ms = Iso8601::parseInternetDateTime(at->get<std::string>());
+        std::optional<int64_t> ms = IsoDate::parse(at->get<std::string>());
         if (!ms) return std::nullopt;
         note.atMs = *ms;
     } else if (at->is_number()) {

@@ -5,7 +5,7 @@
 #include "AimwiseCore/classifier/label_vocabulary.h"
 #include "AimwiseCore/classifier/py_repr.h"
 #include "AimwiseCore/classifier/self_observation.h"
-#include "AimwiseCore/events/iso8601.h"
+#include "CaptureShared/common/iso_date.h"
 #include "AimwiseCore/events/ordered_json.h"
 
 namespace aimwise {
@@ -76,13 +76,13 @@ TEST(LabelVocabularyTest, StatesAndLabelsReadAsPeopleSayThem) {
     EXPECT_EQ(LabelVocabulary::toneForStoredLabel("made_up"), LabelVocabulary::Tone::unknown);
 }
 
-TEST(Iso8601Test, InternetDateTimeWithAndWithoutFraction) {
-    EXPECT_EQ(Iso8601::parseInternetDateTime("2026-11-22T06:12:24Z"), 1795327944000);
-    EXPECT_EQ(Iso8601::parseInternetDateTime("2026-11-22T07:12:24.250+01:00"), 1795327944250);
-    EXPECT_EQ(Iso8601::parseInternetDateTime("2026-11-22T06:12:24.5-00:30"), 1795329744500);
+TEST(IsoDateTest, TimestampArgumentsWithAndWithoutFraction) {
+    EXPECT_EQ(IsoDate::parse("2026-11-22T06:12:24Z"), 1795327944000);
+    EXPECT_EQ(IsoDate::parse("2026-11-22T07:12:24.250+01:00"), 1795327944250);
+    EXPECT_EQ(IsoDate::parse("2026-11-22T06:12:24.5-00:30"), 1795329744500);
     for (const char* bad : {"2026-11-22", "2026-11-22T06:12:24", "2026-02-30T00:00:00Z", "2026-11-22T06:12:24.Z",
                             "2026-11-22T06:12:24Zjunk", "--window-content", ""})
-        EXPECT_EQ(Iso8601::parseInternetDateTime(bad), std::nullopt) << bad;
+        EXPECT_EQ(IsoDate::parse(bad), std::nullopt) << bad;
 }
 
 }  // namespace

@@ -1,24 +1,15 @@
 #include "CaptureShared/dataroot/manifest.h"
 
-#include <ctime>
 #include <nlohmann/json.hpp>
 
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/iso_date.h"
 
 namespace aimwise {
 
-std::string iso8601UTC(int64_t ms) {
-    std::time_t seconds = static_cast<std::time_t>(ms >= 0 ? ms / 1000 : (ms - 999) / 1000);
-    std::tm parts{};
-    gmtime_r(&seconds, &parts);
-    char buffer[32];
-    std::strftime(buffer, sizeof buffer, "%Y-%m-%dT%H:%M:%SZ", &parts);
-    return buffer;
-}
-
 Manifest Manifest::make(const std::string& dataRoot, double captureFps, double keyframeIntervalSec,
                         int64_t displayWidthTarget, int64_t nowMs) {
-    return Manifest{1, dataRoot, captureFps, keyframeIntervalSec, displayWidthTarget, iso8601UTC(nowMs)};
+    return Manifest{1, dataRoot, captureFps, keyframeIntervalSec, displayWidthTarget, IsoDate::format(nowMs)};
 }
 
 std::string Manifest::toJSON() const {

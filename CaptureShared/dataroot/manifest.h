@@ -28,7 +28,4 @@ struct Manifest {
     bool operator==(const Manifest&) const = default;
 };
 
-// "2026-11-22T06:12:24Z"
-std::string iso8601UTC(int64_t ms);
-
 }  // namespace aimwise

@@ -8,7 +8,7 @@
 #include <optional>
 #include <string>
 
-#include "CaptureShared/staleness/iso_date.h"
+#include "CaptureShared/common/iso_date.h"
 
 namespace aimwise::jsonfields {
 

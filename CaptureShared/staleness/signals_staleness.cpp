@@ -1,6 +1,6 @@
 #include "CaptureShared/staleness/signals_staleness.h"
 
-#include "CaptureShared/staleness/iso_date.h"
+#include "CaptureShared/common/iso_date.h"
 
 namespace aimwise::SignalsStaleness {
 

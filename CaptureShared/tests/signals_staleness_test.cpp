@@ -2,7 +2,7 @@
 
 #include <gtest/gtest.h>
 
-#include "CaptureShared/staleness/iso_date.h"
+#include "CaptureShared/common/iso_date.h"
 
 namespace aimwise {
 namespace {

@@ -1,4 +1,4 @@
-#include "CaptureShared/staleness/iso_date.h"
+#include "CaptureShared/common/iso_date.h"
 
 #include <chrono>
 #include <cstdio>
