@@ -319,6 +319,13 @@ struct X11Desktop::Impl {
         Window focus = 0;
         int revert = 0;
         XGetInputFocus(display, &focus, &revert);
+        // With no window manager the focus usually follows the pointer: the window under it is in front.
+        if (focus == PointerRoot) {
+            Window rootReturn = 0, child = None;
+            int rootX = 0, rootY = 0, winX = 0, winY = 0;
+            unsigned mask = 0;
+            if (XQueryPointer(display, root, &rootReturn, &child, &rootX, &rootY, &winX, &winY, &mask)) focus = child;
+        }
         if (focus == lastFocus && !activeDirty) return;
         lastFocus = focus;
         activeDirty = false;
