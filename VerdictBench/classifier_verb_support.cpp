@@ -33,6 +33,19 @@ std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::files
     }
 }
 
+ClassifierState buildStateOrFail(const SignalsReader& signals, const std::optional<std::vector<EventLogEvent>>& events,
+                                 const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
+                                 const std::optional<std::string>& asOfArgument, LazyHTTPSession& session) {
+    std::optional<ClassifierState> state;
+    try {
+        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
+    } catch (...) {
+        fail("FAIL: " + describe(std::current_exception()));
+    }
+    if (!state) fail("no tick data available at " + asOfArgument.value_or("now"));
+    return *state;
+}
+
 std::string describe(const std::exception_ptr& error) {
     try {
         std::rethrow_exception(error);

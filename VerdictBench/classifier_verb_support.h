@@ -19,6 +19,12 @@ SignalsReader openSignalsOrFail(const std::filesystem::path& signalsPath);
 // The whole event log when the file exists and can be read; nothing otherwise, which is no error.
 std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::filesystem::path& eventsPath);
 
+// The state at `asOfMs` (now when absent), or the process ends: "FAIL: " and the error, or
+// "no tick data available at " and the timestamp text (or "now").
+ClassifierState buildStateOrFail(const SignalsReader& signals, const std::optional<std::vector<EventLogEvent>>& events,
+                                 const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
+                                 const std::optional<std::string>& asOfArgument, LazyHTTPSession& session);
+
 // The system's own words for a caught error of any of the kinds a verb meets.
 std::string describe(const std::exception_ptr& error);
 

@@ -25,15 +25,9 @@ int runJudge(const cli::Invocation& invocation) {
     const std::optional<int64_t> asOfMs = cli::parseAsOf(asOfArgument);
 
     LazyHTTPSession session;
-    std::optional<ClassifierState> state;
-    try {
-        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    if (!state) cli::fail("no tick data available at " + asOfArgument.value_or("now"));
+    const ClassifierState state = cli::buildStateOrFail(signals, events, signalsPath, asOfMs, asOfArgument, session);
 
-    cli::printState(*state);
+    cli::printState(state);
     std::printf("\n");
 
     // The live screen says nothing about a past instant, so a timestamp captures nothing.
@@ -51,7 +45,7 @@ int runJudge(const cli::Invocation& invocation) {
 
     ClassifierService::Outcome outcome;
     try {
-        outcome = ClassifierService::judge(*state, std::nullopt, windowContent, std::nullopt, upstream, withheld,
+        outcome = ClassifierService::judge(state, std::nullopt, windowContent, std::nullopt, upstream, withheld,
                                            ClassifierBackend::mainCallConfig(), session.get());
     } catch (...) {
         cli::fail("FAIL: " + cli::describe(std::current_exception()));

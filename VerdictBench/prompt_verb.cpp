@@ -21,16 +21,10 @@ int runPrompt(const cli::Invocation& invocation) {
     const std::optional<int64_t> asOfMs = cli::parseAsOf(asOfArgument);
 
     LazyHTTPSession session;
-    std::optional<ClassifierState> state;
-    try {
-        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    if (!state) cli::fail("no tick data available at " + asOfArgument.value_or("now"));
+    const ClassifierState state = cli::buildStateOrFail(signals, events, signalsPath, asOfMs, asOfArgument, session);
 
     const auto message =
-        ClassifierPrompt::buildRedactedUserMessage(*state, std::nullopt, invocation.windowContentFlag);
+        ClassifierPrompt::buildRedactedUserMessage(state, std::nullopt, invocation.windowContentFlag);
     std::printf("%s\n", message.message.c_str());
     return 0;
 }
