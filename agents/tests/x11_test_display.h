@@ -14,6 +14,7 @@
 #include <filesystem>
 #include <map>
 #include <stdexcept>
+#include <random>
 #include <string>
 #include <thread>
 #include <vector>
@@ -95,21 +96,25 @@ inline std::string findXvfb() {
     throw std::runtime_error("Xvfb is not installed; run scripts/setup (package xvfb). The X11 tests cannot run.");
 }
 
-// Xvfb on a display number it chose itself (-displayfd), so parallel test programs never collide.
+// Xvfb on a free display number far above the ones `Xvfb -displayfd` hands out to the other test
+// programs, so that a restart on the same number never finds it taken by another test's server.
 class XvfbServer {
 public:
     explicit XvfbServer(const std::filesystem::path& logDirectory) : log_(logDirectory / "xvfb.log") {
-        int fds[2];
-        if (pipe(fds) != 0) throw std::runtime_error("pipe failed");
-        start({"-displayfd", std::to_string(fds[1])}, fds[1]);
-        close(fds[1]);
-        std::string number;
-        char c = 0;
-        while (read(fds[0], &c, 1) == 1 && c != '\n') number.push_back(c);
-        close(fds[0]);
-        if (number.empty()) throw std::runtime_error("Xvfb did not report a display number; see " + log_.string());
-        name_ = ":" + number;
-        waitUntilReady();
+        std::mt19937 random(std::random_device{}());
+        for (int attempt = 0; attempt < 20; ++attempt) {
+            const int number = 400 + static_cast<int>(random() % 500);
+            if (std::filesystem::exists("/tmp/.X" + std::to_string(number) + "-lock")) continue;
+            name_ = ":" + std::to_string(number);
+            start({name_}, -1);
+            try {
+                waitUntilReady();
+                return;
+            } catch (const std::runtime_error&) {
+                process_.reset();  // another server took the number first; try another
+            }
+        }
+        throw std::runtime_error("Xvfb found no free display number; see " + log_.string());
     }
 
     const std::string& name() const { return name_; }
