@@ -5,6 +5,7 @@
 #include <cstdlib>
 #include <ctime>
 
+#include "CaptureShared/common/clock.h"
 #include "CaptureShared/common/iso_date.h"
 
 namespace aimwise::cli {
@@ -76,9 +77,6 @@ std::optional<int64_t> parseAsOf(const std::optional<std::string>& text) {
     fail("could not parse timestamp: " + *text);
 }
 
-int64_t nowMs() {
-    const auto since = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<int64_t>(std::chrono::duration<double>(since).count() * 1000.0);
-}
+int64_t nowMs() { return wallClockMs(); }
 
 }  // namespace aimwise::cli

@@ -4,6 +4,7 @@
 
 #include <chrono>
 
+#include "CaptureShared/common/clock.h"
 #include "AimwiseCore/classifier/classifier_backend.h"
 #include "AimwiseCore/classifier/classifier_model.h"
 #include "AimwiseCore/models/cancellation.h"
@@ -37,21 +38,11 @@ namespace {
 
 constexpr const char* parseFailedPrefix = "estimate parse failed (treating as no estimate): ";
 
-int64_t wallClockMs() {
-    const auto since = std::chrono::system_clock::now().time_since_epoch();
-    return static_cast<int64_t>(std::chrono::duration<double>(since).count() * 1000.0);
-}
-
 // Throws EstimateExtractorError.
 std::string ask(const std::string& system, const std::string& user, const Config& config, HTTPSession& session) {
     try {
-        HTTPRequest request;
-        request.method = "POST";
-        request.url = config.endpoint;
-        request.headers = {{"Content-Type", "application/json"}};
-        request.body = buildRequestBody(system, user, config);
-        request.timeoutSec = config.timeout;
-        return LocalInferenceWire::content(LocalInferenceWire::send(request, session).body);
+        const ClassifierBackend::Config call{config.endpoint, config.model, config.numPredict, config.timeout};
+        return LocalInferenceWire::content(ClassifierBackend::post(system, user, call, session));
     } catch (const CancellationError&) {
         throw;
     } catch (const ModelBackendError& error) {

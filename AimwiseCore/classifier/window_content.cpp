@@ -16,6 +16,7 @@
 
 #include <fmt/format.h>
 
+#include "CaptureShared/common/clock.h"
 #include "AimwiseCore/classifier/classifier_model.h"
 #include "AimwiseCore/models/cancellation.h"
 #include "AimwiseCore/models/chat_json.h"
@@ -44,11 +45,6 @@ std::string trimmedBlanks(std::string_view text) {
 template <typename List>
 bool contains(const List& list, std::string_view value) {
     return std::find(list.begin(), list.end(), value) != list.end();
-}
-
-int64_t wallClockMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
 
 void writeStandardError(const std::string& text) {

@@ -2,6 +2,7 @@
 
 #include <chrono>
 
+#include "CaptureShared/common/clock.h"
 #include "AimwiseCore/events/ordered_json_splice.h"
 #include "AimwiseCore/models/cancellation.h"
 #include "AimwiseCore/models/chat_wire.h"
@@ -17,11 +18,6 @@ constexpr size_t errorBodyLimit = 0x2000;
 
 // Ends the read of an error body once enough of it is in.
 struct ErrorBodyDrained {};
-
-int64_t wallClockMs() {
-    return std::chrono::duration_cast<std::chrono::milliseconds>(std::chrono::system_clock::now().time_since_epoch())
-        .count();
-}
 
 void replaceProviderPrefix(ModelBackendError& error) {
     const auto* invalid = error.asInvalidResponse();
