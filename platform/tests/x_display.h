@@ -95,8 +95,11 @@ class XvfbDisplay {
 public:
     explicit XvfbDisplay(int width = 1280, int height = 800) {
         // -displayfd lets the server pick a free display number and report it once it accepts clients.
+        // -noreset: otherwise the server resets when its last client leaves, and a window opened
+        // during that reset is refused.
         child_ = xdetail::spawn({"Xvfb", "-displayfd", "3", "-screen", "0",
-                                 std::to_string(width) + "x" + std::to_string(height) + "x24", "-nolisten", "tcp"},
+                                 std::to_string(width) + "x" + std::to_string(height) + "x24", "-nolisten", "tcp",
+                                 "-noreset"},
                                 "", 3);
         const std::string number = xdetail::firstLine(child_.readFd, 15000);
         if (number.empty()) {
