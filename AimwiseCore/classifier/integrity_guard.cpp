@@ -1,12 +1,13 @@
 #include "AimwiseCore/classifier/integrity_guard.h"
 
 #include <fcntl.h>
-#include <openssl/rand.h>
+#include <sys/random.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
 #include <ctime>
+#include <random>
 #include <nlohmann/json.hpp>
 
 #include "CaptureShared/common/iso_date.h"
@@ -45,8 +46,10 @@ std::string isoInstant(int64_t atMs) {
 
 std::string uuid() {
     unsigned char bytes[16];
-    if (RAND_bytes(bytes, sizeof bytes) != 1)
-        for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(std::rand());
+    if (::getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
+        std::random_device device;
+        for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(device());
+    }
     bytes[6] = (bytes[6] & 0x0F) | 0x40;
     bytes[8] = (bytes[8] & 0x3F) | 0x80;
     static constexpr char hex[] = "0123456789ABCDEF";

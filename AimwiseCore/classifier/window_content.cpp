@@ -1,7 +1,6 @@
 #include "AimwiseCore/classifier/window_content.h"
 
 #include <fcntl.h>
-#include <openssl/evp.h>
 #include <unistd.h>
 
 #include <algorithm>
@@ -288,11 +287,23 @@ std::string describeImage(const std::string& imageBase64, const Config& config, 
 }
 
 std::string base64(std::string_view bytes) {
-    std::string encoded(4 * ((bytes.size() + 2) / 3) + 1, '\0');
-    const int length = EVP_EncodeBlock(reinterpret_cast<unsigned char*>(encoded.data()),
-                                       reinterpret_cast<const unsigned char*>(bytes.data()),
-                                       static_cast<int>(bytes.size()));
-    encoded.resize(static_cast<size_t>(length));
+    static constexpr char alphabet[] = "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789+/";
+    std::string encoded;
+    encoded.reserve(4 * ((bytes.size() + 2) / 3));
+    size_t i = 0;
+    for (; i + 2 < bytes.size(); i += 3) {
+        const uint32_t group = uint32_t(uint8_t(bytes[i])) << 16 | uint32_t(uint8_t(bytes[i + 1])) << 8 |
+                               uint32_t(uint8_t(bytes[i + 2]));
+        for (int shift = 18; shift >= 0; shift -= 6) encoded += alphabet[(group >> shift) & 63];
+    }
+    if (const size_t rest = bytes.size() - i; rest > 0) {
+        uint32_t group = uint32_t(uint8_t(bytes[i])) << 16;
+        if (rest == 2) group |= uint32_t(uint8_t(bytes[i + 1])) << 8;
+        encoded += alphabet[(group >> 18) & 63];
+        encoded += alphabet[(group >> 12) & 63];
+        encoded += rest == 2 ? alphabet[(group >> 6) & 63] : '=';
+        encoded += '=';
+    }
     return encoded;
 }
 

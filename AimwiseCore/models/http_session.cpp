@@ -1,5 +1,7 @@
 #include "AimwiseCore/models/http_session.h"
 
+// Only the header: the library itself is opened on the first request.
+#define CURL_DISABLE_TYPECHECK
 #include <curl/curl.h>
 
 #include <algorithm>
@@ -8,10 +10,42 @@
 #include <mutex>
 
 #include "AimwiseCore/models/cancellation.h"
+#include "CaptureShared/common/shared_library.h"
 
 namespace aimwise {
 
 namespace {
+
+// The libcurl functions this client calls, resolved once on the first request.
+struct Curl {
+    SharedLibrary library{"libcurl.so.4", "HTTP", "libcurl4"};
+    decltype(&curl_global_init) globalInit = library.function<decltype(&curl_global_init)>("curl_global_init");
+    decltype(&curl_easy_init) easyInit = library.function<decltype(&curl_easy_init)>("curl_easy_init");
+    decltype(&curl_easy_setopt) easySetopt = library.function<decltype(&curl_easy_setopt)>("curl_easy_setopt");
+    decltype(&curl_easy_perform) easyPerform = library.function<decltype(&curl_easy_perform)>("curl_easy_perform");
+    decltype(&curl_easy_getinfo) easyGetinfo = library.function<decltype(&curl_easy_getinfo)>("curl_easy_getinfo");
+    decltype(&curl_easy_reset) easyReset = library.function<decltype(&curl_easy_reset)>("curl_easy_reset");
+    decltype(&curl_easy_cleanup) easyCleanup = library.function<decltype(&curl_easy_cleanup)>("curl_easy_cleanup");
+    decltype(&curl_easy_strerror) easyStrerror =
+        library.function<decltype(&curl_easy_strerror)>("curl_easy_strerror");
+    decltype(&curl_slist_append) slistAppend = library.function<decltype(&curl_slist_append)>("curl_slist_append");
+    decltype(&curl_slist_free_all) slistFreeAll =
+        library.function<decltype(&curl_slist_free_all)>("curl_slist_free_all");
+
+    Curl() { globalInit(CURL_GLOBAL_DEFAULT); }
+};
+
+// Loading failures surface as transport failures, the way callers already handle an unreachable server.
+const Curl& libcurl() {
+    static const Curl* const loaded = []() -> const Curl* {
+        try {
+            return new Curl();
+        } catch (const std::runtime_error& error) {
+            throw HTTPTransportFailure(error.what());
+        }
+    }();
+    return *loaded;
+}
 
 bool equalsIgnoringCase(std::string_view a, std::string_view b) {
     return a.size() == b.size() && std::equal(a.begin(), a.end(), b.begin(), [](unsigned char x, unsigned char y) {
@@ -39,7 +73,7 @@ struct Transfer {
         if (headDelivered) return;
         headDelivered = true;
         long status = 0;
-        curl_easy_getinfo(curl, CURLINFO_RESPONSE_CODE, &status);
+        libcurl().easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &status);
         response.status = static_cast<int>(status);
         if (handler && handler->onHead) handler->onHead(response);
     }
@@ -83,11 +117,6 @@ int onProgress(void* context, curl_off_t, curl_off_t, curl_off_t, curl_off_t) {
     return transfer->token && transfer->token->isCancelled() ? 1 : 0;
 }
 
-void initialiseOnce() {
-    static std::once_flag once;
-    std::call_once(once, [] { curl_global_init(CURL_GLOBAL_DEFAULT); });
-}
-
 }  // namespace
 
 const std::string* HTTPResponse::header(std::string_view name) const {
@@ -110,13 +139,13 @@ struct HTTPSession::Impl {
                 return handle;
             }
         }
-        CURL* handle = curl_easy_init();
+        CURL* handle = libcurl().easyInit();
         if (!handle) throw HTTPTransportFailure("could not create an HTTP handle");
         return handle;
     }
 
     void give(CURL* handle) {
-        curl_easy_reset(handle);
+        libcurl().easyReset(handle);
         std::lock_guard lock(mutex);
         idle.push_back(handle);
     }
@@ -145,41 +174,41 @@ void HTTPSession::Impl::perform(const HTTPRequest& request, Transfer& transfer) 
     char errorText[CURL_ERROR_SIZE] = {0};
     curl_slist* headers = nullptr;
     // No "Expect: 100-continue" round trip before a large body.
-    headers = curl_slist_append(headers, "Expect:");
+    headers = libcurl().slistAppend(headers, "Expect:");
     for (const auto& [name, value] : request.headers)
-        headers = curl_slist_append(headers, (name + ": " + value).c_str());
+        headers = libcurl().slistAppend(headers, (name + ": " + value).c_str());
 
     const long timeoutMs = std::max(1L, static_cast<long>(std::ceil(request.timeoutSec * 1000.0)));
-    curl_easy_setopt(curl, CURLOPT_URL, urlText.c_str());
-    curl_easy_setopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
-    if (!socketPath.empty()) curl_easy_setopt(curl, CURLOPT_UNIX_SOCKET_PATH, socketPath.c_str());
+    libcurl().easySetopt(curl, CURLOPT_URL, urlText.c_str());
+    libcurl().easySetopt(curl, CURLOPT_PROTOCOLS_STR, "http,https");
+    if (!socketPath.empty()) libcurl().easySetopt(curl, CURLOPT_UNIX_SOCKET_PATH, socketPath.c_str());
     // Traffic for this machine's own server must never be handed to a proxy from the environment.
-    if (loopback) curl_easy_setopt(curl, CURLOPT_NOPROXY, "*");
-    curl_easy_setopt(curl, CURLOPT_ERRORBUFFER, errorText);
-    curl_easy_setopt(curl, CURLOPT_NOSIGNAL, 1L);
-    curl_easy_setopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs);
-    curl_easy_setopt(curl, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
-    curl_easy_setopt(curl, CURLOPT_HTTPHEADER, headers);
-    curl_easy_setopt(curl, CURLOPT_ACCEPT_ENCODING, nullptr);
+    if (loopback) libcurl().easySetopt(curl, CURLOPT_NOPROXY, "*");
+    libcurl().easySetopt(curl, CURLOPT_ERRORBUFFER, errorText);
+    libcurl().easySetopt(curl, CURLOPT_NOSIGNAL, 1L);
+    libcurl().easySetopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs);
+    libcurl().easySetopt(curl, CURLOPT_CONNECTTIMEOUT_MS, timeoutMs);
+    libcurl().easySetopt(curl, CURLOPT_HTTPHEADER, headers);
+    libcurl().easySetopt(curl, CURLOPT_ACCEPT_ENCODING, nullptr);
     if (request.method == "GET") {
-        curl_easy_setopt(curl, CURLOPT_HTTPGET, 1L);
+        libcurl().easySetopt(curl, CURLOPT_HTTPGET, 1L);
     } else {
-        if (request.method != "POST") curl_easy_setopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
-        curl_easy_setopt(curl, CURLOPT_POST, 1L);
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDS, request.body.data());
-        curl_easy_setopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
+        if (request.method != "POST") libcurl().easySetopt(curl, CURLOPT_CUSTOMREQUEST, request.method.c_str());
+        libcurl().easySetopt(curl, CURLOPT_POST, 1L);
+        libcurl().easySetopt(curl, CURLOPT_POSTFIELDS, request.body.data());
+        libcurl().easySetopt(curl, CURLOPT_POSTFIELDSIZE_LARGE, static_cast<curl_off_t>(request.body.size()));
     }
-    curl_easy_setopt(curl, CURLOPT_HEADERFUNCTION, onHeaderLine);
-    curl_easy_setopt(curl, CURLOPT_HEADERDATA, &transfer);
-    curl_easy_setopt(curl, CURLOPT_WRITEFUNCTION, onBody);
-    curl_easy_setopt(curl, CURLOPT_WRITEDATA, &transfer);
-    curl_easy_setopt(curl, CURLOPT_NOPROGRESS, 0L);
-    curl_easy_setopt(curl, CURLOPT_XFERINFOFUNCTION, onProgress);
-    curl_easy_setopt(curl, CURLOPT_XFERINFODATA, &transfer);
+    libcurl().easySetopt(curl, CURLOPT_HEADERFUNCTION, onHeaderLine);
+    libcurl().easySetopt(curl, CURLOPT_HEADERDATA, &transfer);
+    libcurl().easySetopt(curl, CURLOPT_WRITEFUNCTION, onBody);
+    libcurl().easySetopt(curl, CURLOPT_WRITEDATA, &transfer);
+    libcurl().easySetopt(curl, CURLOPT_NOPROGRESS, 0L);
+    libcurl().easySetopt(curl, CURLOPT_XFERINFOFUNCTION, onProgress);
+    libcurl().easySetopt(curl, CURLOPT_XFERINFODATA, &transfer);
 
-    CURLcode code = curl_easy_perform(curl);
-    std::string detail = errorText[0] ? std::string(errorText) : std::string(curl_easy_strerror(code));
-    curl_slist_free_all(headers);
+    CURLcode code = libcurl().easyPerform(curl);
+    std::string detail = errorText[0] ? std::string(errorText) : std::string(libcurl().easyStrerror(code));
+    libcurl().slistFreeAll(headers);
     if (code == CURLE_OK && !transfer.failure) {
         try {
             transfer.deliverHead();
@@ -190,7 +219,7 @@ void HTTPSession::Impl::perform(const HTTPRequest& request, Transfer& transfer) 
 
     if (code != CURLE_OK) {
         // A failed transfer may leave the connection half-read; never hand it to the next call.
-        curl_easy_cleanup(curl);
+        libcurl().easyCleanup(curl);
     } else {
         give(curl);
     }
@@ -210,10 +239,10 @@ void HTTPSession::Impl::perform(const HTTPRequest& request, Transfer& transfer) 
     if (code != CURLE_OK) throw HTTPTransportFailure("the request to " + request.url.string() + " failed: " + detail);
 }
 
-HTTPSession::HTTPSession() : impl_(std::make_unique<Impl>()) { initialiseOnce(); }
+HTTPSession::HTTPSession() : impl_(std::make_unique<Impl>()) {}
 
 HTTPSession::~HTTPSession() {
-    for (CURL* handle : impl_->idle) curl_easy_cleanup(handle);
+    for (CURL* handle : impl_->idle) libcurl().easyCleanup(handle);
 }
 
 HTTPResponse HTTPSession::send(const HTTPRequest& request) {

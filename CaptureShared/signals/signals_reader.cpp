@@ -114,7 +114,10 @@ void SignalsReader::Close::operator()(sqlite3* db) const { sqlite3_close_v2(db);
 SignalsReader SignalsReader::open(const std::filesystem::path& path) {
     const std::string uri = "file:" + uriPath(path.string()) + "?mode=ro";
     sqlite3* raw = nullptr;
-    if (sqlite3_open_v2(uri.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI, nullptr) != SQLITE_OK) {
+    // No connection mutex: a reader is used by one thread at a time, and locking around every column
+    // read was a fifth of the cost of walking a day of rows.
+    if (sqlite3_open_v2(uri.c_str(), &raw, SQLITE_OPEN_READONLY | SQLITE_OPEN_URI | SQLITE_OPEN_NOMUTEX, nullptr) !=
+        SQLITE_OK) {
         std::string message = raw ? sqlite3_errmsg(raw) : "sqlite3_open_v2 failed";
         sqlite3_close_v2(raw);
         throw SignalsReaderError{SignalsReaderError::Kind::openFailed, std::move(message)};
@@ -209,29 +212,31 @@ SignalsReader::PresenceGapResult SignalsReader::presenceGap(int64_t beforeMs, in
     s.bind(1, beforeMs);
     s.bind(2, limit);
 
-    const auto isPresent = [idleAwaySec](const TickRow& row) {
-        std::string app = row.frontmostApp.value_or("");
-        std::transform(app.begin(), app.end(), app.begin(),
-                       [](unsigned char c) { return static_cast<char>(std::tolower(c)); });
-        return app != "loginwindow" && row.idleAnySec.value_or(0.0) <= idleAwaySec;
+    // The walk may cover a day of rows; only the row it returns is decoded whole.
+    const auto isPresent = [idleAwaySec, &s] {
+        const std::string_view app = s.textView(1);
+        const bool locked = std::equal(app.begin(), app.end(), std::string_view("loginwindow").begin(),
+                                       std::string_view("loginwindow").end(), [](unsigned char a, char b) {
+                                           return std::tolower(a) == b;
+                                       });
+        return !locked && s.optionalReal(5).value_or(0.0) <= idleAwaySec;
     };
 
     int64_t runStartMs = beforeMs;
     std::optional<int64_t> previousMs;
     bool inAbsence = false;
     while (s.step()) {
-        TickRow row = tickRowFrom(s);
-        const bool present = isPresent(row);
+        const int64_t tsMs = s.int64(0);
+        const bool present = isPresent();
         if (!inAbsence && present) {
-            if (previousMs && *previousMs - row.tsMs > maxContinuityGapMs)
-                return PresenceGap{std::move(row), runStartMs};
-            runStartMs = row.tsMs;
+            if (previousMs && *previousMs - tsMs > maxContinuityGapMs) return PresenceGap{tickRowFrom(s), runStartMs};
+            runStartMs = tsMs;
         } else {
             inAbsence = true;
-            if (runStartMs - row.tsMs > withinMs) return GapExceedsWindow{runStartMs};
-            if (present) return PresenceGap{std::move(row), runStartMs};
+            if (runStartMs - tsMs > withinMs) return GapExceedsWindow{runStartMs};
+            if (present) return PresenceGap{tickRowFrom(s), runStartMs};
         }
-        previousMs = row.tsMs;
+        previousMs = tsMs;
     }
     if (inAbsence) return GapExceedsWindow{runStartMs};
     return ContinuouslyPresent{};

@@ -1,5 +1,6 @@
 #pragma once
-// Read-only access to signals.sqlite for everything that is not a capture agent.
+// Read-only access to signals.sqlite for everything that is not a capture agent. A reader is used by
+// one thread at a time; threads that read concurrently open a reader each.
 #include <cstdint>
 #include <filesystem>
 #include <memory>

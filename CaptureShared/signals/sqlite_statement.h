@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <optional>
 #include <string>
+#include <string_view>
 
 namespace aimwise::sqlite {
 
@@ -39,6 +40,12 @@ public:
         const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
         if (!bytes) return std::nullopt;  // out of memory while converting
         return std::string(bytes, static_cast<size_t>(sqlite3_column_bytes(stmt_, column)));
+    }
+    // Valid until the next step; empty for NULL.
+    std::string_view textView(int column) const {
+        const auto* bytes = reinterpret_cast<const char*>(sqlite3_column_text(stmt_, column));
+        return bytes ? std::string_view(bytes, static_cast<size_t>(sqlite3_column_bytes(stmt_, column)))
+                     : std::string_view();
     }
     std::optional<double> optionalReal(int column) const {
         if (isNull(column)) return std::nullopt;

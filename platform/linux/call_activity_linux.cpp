@@ -1,5 +1,7 @@
 #include "platform/call_activity.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <cstdlib>
 #include <filesystem>
@@ -64,9 +66,12 @@ namespace {
 bool soundServerReachable() {
     if (const char* server = std::getenv("PULSE_SERVER"); server && *server) return true;
     const char* runtime = std::getenv("XDG_RUNTIME_DIR");
-    if (!runtime || !*runtime) return true;  // let pactl find it the way it knows
+    const std::filesystem::path runtimeDirectory =
+        runtime && *runtime ? std::filesystem::path(runtime)
+                                 : std::filesystem::path("/run/user/" + std::to_string(::getuid()));
     std::error_code error;
-    return std::filesystem::exists(std::filesystem::path(runtime) / "pulse" / "native", error);
+    return std::filesystem::exists(runtimeDirectory / "pulse" / "native", error) ||
+           std::filesystem::exists("/run/pulse/native", error);  // a system-wide server
 }
 
 }  // namespace

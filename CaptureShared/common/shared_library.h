@@ -1,0 +1,33 @@
+#pragma once
+// A shared library opened on first use instead of at process start. Linking libcurl pulls in some
+// thirty libraries and costs every process several milliseconds before main; the classifier's tick
+// usually skips without a single HTTP call, so it should not pay that.
+#include <stdexcept>
+#include <string>
+
+namespace aimwise {
+
+class SharedLibrary {
+public:
+    // Loads `soname` or throws std::runtime_error naming it, what needs it and the Debian package
+    // that provides it.
+    SharedLibrary(const char* soname, const std::string& purpose, const std::string& debianPackage);
+    ~SharedLibrary();
+    SharedLibrary(const SharedLibrary&) = delete;
+    SharedLibrary& operator=(const SharedLibrary&) = delete;
+
+    // The function `name`, or std::runtime_error when the library lacks it.
+    template <typename Function>
+    Function function(const char* name) const {
+        return reinterpret_cast<Function>(address(name));
+    }
+
+private:
+    void* address(const char* name) const;
+
+    void* handle_ = nullptr;
+    std::string soname_;
+    std::string purpose_;
+};
+
+}  // namespace aimwise
