@@ -1,9 +1,12 @@
 // Whole-process cost of `VerdictBench tick`: the skip that most wakes end in, a judging tick against
 // a model server that answers at once (no screen capture), and the sqlite3 shell reading one row the
-// same way as a floor. Each iteration is one child process; the time is its wall time and the
-// counter its peak resident set, as /usr/bin/time reports them.
+// same way as a floor. Each iteration is one child process; the time is its wall time, and the
+// counters its CPU time and peak resident set, as /usr/bin/time reports them.
 //
-// AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there for scripts/bench-tick.
+// BM_StartWithLibrary prices each shared library the skipping tick loads (the list is printed in the
+// context above the results): a probe process that loads one library against one that loads none.
+//
+// AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there to run a tick by hand.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <netinet/in.h>
@@ -160,6 +163,7 @@ std::string verdictBench() { return (fs::read_symlink("/proc/self/exe").parent_p
 
 struct ChildCost {
     double wallSec = 0;
+    double cpuSec = 0;
     long maxRSSKiB = 0;
     int status = -1;
 };
@@ -182,8 +186,9 @@ ChildCost runChild(const std::vector<std::string>& arguments, const std::vector<
     ::wait4(pid, &status, 0, &usage);
     const auto end = std::chrono::steady_clock::now();
     posix_spawn_file_actions_destroy(&actions);
-    return {std::chrono::duration<double>(end - start).count(), usage.ru_maxrss,
-            WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
+    return {std::chrono::duration<double>(end - start).count(), seconds(usage.ru_utime) + seconds(usage.ru_stime),
+            usage.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
 }
 
 std::vector<std::string> tickEnvironment(const std::string& endpoint) {
@@ -193,33 +198,46 @@ std::vector<std::string> tickEnvironment(const std::string& endpoint) {
             "AIMCAP_LOCAL_INFERENCE_ENDPOINT=" + endpoint, "AIMCHECK_MODEL=bench-model", "PATH=/usr/bin:/bin"};
 }
 
-void report(benchmark::State& state, const ChildCost& cost, long& rssTotal) {
-    state.SetIterationTime(cost.wallSec);
-    rssTotal += cost.maxRSSKiB;
-    if (cost.status != 0) state.SkipWithError("the child failed");
-}
+// Sums the children's costs over an iteration run and reports them as per-iteration counters.
+class Costs {
+public:
+    explicit Costs(benchmark::State& state) : state_(state) {}
+    ~Costs() {
+        state_.counters["cpu_ms"] = benchmark::Counter(cpuMs_, benchmark::Counter::kAvgIterations);
+        state_.counters["maxRSS_KiB"] = benchmark::Counter(rssKiB_, benchmark::Counter::kAvgIterations);
+    }
+    void add(const ChildCost& cost) {
+        state_.SetIterationTime(cost.wallSec);
+        cpuMs_ += cost.cpuSec * 1000.0;
+        rssKiB_ += static_cast<double>(cost.maxRSSKiB);
+        if (cost.status != 0) state_.SkipWithError("the child failed");
+    }
+
+private:
+    benchmark::State& state_;
+    double cpuMs_ = 0;
+    double rssKiB_ = 0;
+};
 
 void BM_TickThatSkips(benchmark::State& state) {
     const auto environment = tickEnvironment("http://127.0.0.1:9");  // a skip must never reach it
-    long rss = 0;
+    Costs costs(state);
     for (auto _ : state) {
         dataRoot().freshRowJudgedJustNow();
-        report(state, runChild({verdictBench(), "tick"}, environment), rss);
+        costs.add(runChild({verdictBench(), "tick"}, environment));
     }
-    state.counters["maxRSS_KiB"] = benchmark::Counter(static_cast<double>(rss), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(BM_TickThatSkips)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
 
 void BM_TickThatJudgesWithAnInstantServer(benchmark::State& state) {
     InstantModelServer server;
     const auto environment = tickEnvironment(server.baseURL());
-    long rss = 0;
+    Costs costs(state);
     for (auto _ : state) {
         dataRoot().freshRowJudgedJustNow();
         fs::remove(dataRoot().root() / "classifier-cadence.json");  // no prior state: a judgment is due
-        report(state, runChild({verdictBench(), "tick"}, environment), rss);
+        costs.add(runChild({verdictBench(), "tick"}, environment));
     }
-    state.counters["maxRSS_KiB"] = benchmark::Counter(static_cast<double>(rss), benchmark::Counter::kAvgIterations);
 }
 BENCHMARK(BM_TickThatJudgesWithAnInstantServer)
     ->UseManualTime()
@@ -229,13 +247,10 @@ BENCHMARK(BM_TickThatJudgesWithAnInstantServer)
 
 void BM_Sqlite3ShellReadingTheNewestRow(benchmark::State& state) {
     const std::string database = (dataRoot().root() / "signals.sqlite").string();
-    long rss = 0;
+    Costs costs(state);
     for (auto _ : state)
-        report(state,
-               runChild({"sqlite3", database, "SELECT ts_ms FROM ticks ORDER BY ts_ms DESC LIMIT 1"},
-                        {"PATH=/usr/bin:/bin"}),
-               rss);
-    state.counters["maxRSS_KiB"] = benchmark::Counter(static_cast<double>(rss), benchmark::Counter::kAvgIterations);
+        costs.add(runChild({"sqlite3", database, "SELECT ts_ms FROM ticks ORDER BY ts_ms DESC LIMIT 1"},
+                           {"PATH=/usr/bin:/bin"}));
 }
 BENCHMARK(BM_Sqlite3ShellReadingTheNewestRow)
     ->UseManualTime()
@@ -243,6 +258,81 @@ BENCHMARK(BM_Sqlite3ShellReadingTheNewestRow)
     ->Iterations(30)
     ->Repetitions(5);
 
+// What the dynamic loader maps for a VerdictBench start, as `ldd` lists it.
+std::vector<std::string> librariesOfTheTick() {
+    int fds[2];
+    if (::pipe(fds) != 0) std::abort();
+    posix_spawn_file_actions_t actions;
+    posix_spawn_file_actions_init(&actions);
+    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
+    posix_spawn_file_actions_addclose(&actions, fds[0]);
+    const std::string program = verdictBench();
+    char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
+    char trace[] = "LD_TRACE_LOADED_OBJECTS=1";
+    char* envp[] = {trace, nullptr};
+    pid_t pid = 0;
+    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv, envp) != 0) std::abort();
+    posix_spawn_file_actions_destroy(&actions);
+    ::close(fds[1]);
+    std::string listing;
+    char buffer[4096];
+    for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) listing.append(buffer, size_t(got));
+    ::close(fds[0]);
+    ::waitpid(pid, nullptr, 0);
+    std::vector<std::string> names;
+    for (size_t at = 0; at < listing.size();) {
+        size_t end = listing.find('\n', at);
+        if (end == std::string::npos) end = listing.size();
+        const std::string line = listing.substr(at, end - at);
+        const size_t first = line.find_first_not_of(" \t");
+        if (first != std::string::npos) {
+            const std::string name = line.substr(first, line.find(' ', first) - first);
+            if (name.starts_with("lib")) names.push_back(name);
+        }
+        at = end + 1;
+    }
+    return names;
+}
+
+// The tick's own libraries, then the two it opens only when it makes a request or a digest.
+const std::vector<std::string>& probedLibraries() {
+    static const std::vector<std::string> libraries = [] {
+        std::vector<std::string> names{""};  // the baseline: a probe that loads nothing
+        for (const auto& name : librariesOfTheTick())
+            if (!name.starts_with("libc.so") && !name.starts_with("libm.so") && !name.starts_with("libgcc_s") &&
+                !name.starts_with("libstdc++"))  // the probe itself already has these
+                names.push_back(name);
+        names.push_back("libcurl.so.4");
+        names.push_back("libcrypto.so.3");
+        return names;
+    }();
+    return libraries;
+}
+
+void BM_StartWithLibrary(benchmark::State& state, const std::string& library) {
+    const std::string probe = (fs::read_symlink("/proc/self/exe").parent_path() / "library_load_probe").string();
+    std::vector<std::string> arguments{probe};
+    if (!library.empty()) arguments.push_back(library);
+    Costs costs(state);
+    for (auto _ : state) costs.add(runChild(arguments, {}));
+}
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    std::string listing;
+    for (const auto& name : librariesOfTheTick()) listing += (listing.empty() ? "" : " ") + name;
+    benchmark::AddCustomContext("libraries loaded by a skipping tick", listing);
+    for (const auto& library : probedLibraries())
+        benchmark::RegisterBenchmark(("BM_StartWithLibrary/" + (library.empty() ? "none" : library)).c_str(),
+                                     BM_StartWithLibrary, library)
+            ->UseManualTime()
+            ->Unit(benchmark::kMillisecond)
+            ->Iterations(30)
+            ->Repetitions(5);
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}
