@@ -9,22 +9,19 @@
 // AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there to run a tick by hand.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <netinet/in.h>
 #include <spawn.h>
 #include <stdlib.h>
 #include <sys/resource.h>
-#include <sys/socket.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <atomic>
 #include <chrono>
 #include <filesystem>
 #include <string>
-#include <thread>
 #include <vector>
 
 #include "AimwiseCore/classifier/cadence.h"
+#include "bench/instant_model_server.h"
 #include "CaptureShared/signals/schema.h"
 #include "CaptureShared/signals/sqlite_db.h"
 
@@ -38,70 +35,6 @@ int64_t wallClockMs() {
     using namespace std::chrono;
     return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
 }
-
-// Just enough of the model server for a tick: /props names a model file, the chat route answers a
-// verdict, both at once.
-class InstantModelServer {
-public:
-    InstantModelServer() {
-        listenFd_ = ::socket(AF_INET, SOCK_STREAM, 0);
-        sockaddr_in address{};
-        address.sin_family = AF_INET;
-        address.sin_addr.s_addr = htonl(INADDR_LOOPBACK);
-        socklen_t length = sizeof address;
-        if (::bind(listenFd_, reinterpret_cast<sockaddr*>(&address), length) != 0 || ::listen(listenFd_, 16) != 0 ||
-            ::getsockname(listenFd_, reinterpret_cast<sockaddr*>(&address), &length) != 0)
-            std::abort();
-        port_ = ntohs(address.sin_port);
-        thread_ = std::thread([this] { serve(); });
-    }
-    ~InstantModelServer() {
-        stopping_ = true;
-        ::shutdown(listenFd_, SHUT_RDWR);
-        ::close(listenFd_);
-        thread_.join();
-    }
-    std::string baseURL() const { return "http://127.0.0.1:" + std::to_string(port_); }
-
-private:
-    void serve() {
-        while (!stopping_) {
-            const int fd = ::accept(listenFd_, nullptr, nullptr);
-            if (fd < 0) continue;
-            answer(fd);
-            ::close(fd);
-        }
-    }
-    static void answer(int fd) {
-        std::string request;
-        char buffer[65536];
-        size_t headerEnd = std::string::npos;
-        size_t contentLength = 0;
-        while (true) {
-            const ssize_t got = ::read(fd, buffer, sizeof buffer);
-            if (got <= 0) return;
-            request.append(buffer, static_cast<size_t>(got));
-            if (headerEnd == std::string::npos && (headerEnd = request.find("\r\n\r\n")) != std::string::npos) {
-                const size_t at = request.find("Content-Length: ");
-                if (at != std::string::npos && at < headerEnd) contentLength = std::stoul(request.substr(at + 16));
-            }
-            if (headerEnd != std::string::npos && request.size() >= headerEnd + 4 + contentLength) break;
-        }
-        const bool props = request.rfind("GET /props", 0) == 0;
-        const std::string body =
-            props ? R"({"model_path":"/models/bench.gguf"})"
-                  : R"({"choices":[{"index":0,"finish_reason":"stop","message":{"role":"assistant","content":)"
-                    R"("{\"state\": \"ON_TASK\", \"confidence\": 0.9, \"reason\": \"Writing the report.\"}"}}]})";
-        const std::string reply = "HTTP/1.1 200 OK\r\nContent-Type: application/json\r\nConnection: close\r\n"
-                                  "Content-Length: " + std::to_string(body.size()) + "\r\n\r\n" + body;
-        (void)!::write(fd, reply.data(), reply.size());
-    }
-
-    int listenFd_ = -1;
-    int port_ = 0;
-    std::atomic<bool> stopping_{false};
-    std::thread thread_;
-};
 
 // A day of capture ending now, with a declared task whose estimate is cached.
 struct DataRoot {
@@ -230,7 +163,7 @@ void BM_TickThatSkips(benchmark::State& state) {
 BENCHMARK(BM_TickThatSkips)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
 
 void BM_TickThatJudgesWithAnInstantServer(benchmark::State& state) {
-    InstantModelServer server;
+    aimwise::bench::InstantModelServer server;
     const auto environment = tickEnvironment(server.baseURL());
     Costs costs(state);
     for (auto _ : state) {
