@@ -13,12 +13,12 @@
 #include "AimwiseCore/models/http_session.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/signals/signals_reader.h"
-#include "platform/tests/x_display.h"
 #include "platform/vision_text_recognizer.h"
 #include "tests/support/scoped_environment.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/signals_fixtures.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/x_display.h"
 
 namespace aimwise {
 namespace {

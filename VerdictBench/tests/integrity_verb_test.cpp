@@ -1,75 +1,15 @@
 // Runs the built VerdictBench against a scripted model server, as an operator would.
-#include <fcntl.h>
-#include <poll.h>
-#include <spawn.h>
-#include <sys/wait.h>
-#include <unistd.h>
-
 #include <gtest/gtest.h>
 
 #include "AimwiseCore/models/local_model_store.h"
+#include "tests/support/run_process.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/temp_dir.h"
-
-extern char** environ;
 
 namespace aimwise {
 namespace {
 
 using testing::ScriptedModelServer;
-
-struct ProcessRun {
-    int status = -1;
-    std::string out;
-    std::string err;
-};
-
-ProcessRun runVerdictBench(const std::vector<std::string>& arguments, const std::map<std::string, std::string>& environment) {
-    int outPipe[2], errPipe[2];
-    EXPECT_EQ(::pipe2(outPipe, O_CLOEXEC), 0);
-    EXPECT_EQ(::pipe2(errPipe, O_CLOEXEC), 0);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, outPipe[1], 1);
-    posix_spawn_file_actions_adddup2(&actions, errPipe[1], 2);
-    std::vector<std::string> argvText{VERDICT_BENCH_PATH};
-    argvText.insert(argvText.end(), arguments.begin(), arguments.end());
-    std::vector<char*> argv;
-    for (std::string& text : argvText) argv.push_back(text.data());
-    argv.push_back(nullptr);
-    std::vector<std::string> envText;
-    for (const auto& [key, value] : environment) envText.push_back(key + "=" + value);
-    std::vector<char*> envp;
-    for (std::string& text : envText) envp.push_back(text.data());
-    envp.push_back(nullptr);
-    pid_t pid = 0;
-    EXPECT_EQ(posix_spawn(&pid, VERDICT_BENCH_PATH, &actions, nullptr, argv.data(), envp.data()), 0);
-    posix_spawn_file_actions_destroy(&actions);
-    ::close(outPipe[1]);
-    ::close(errPipe[1]);
-    ProcessRun run;
-    pollfd fds[2] = {{outPipe[0], POLLIN, 0}, {errPipe[0], POLLIN, 0}};
-    int open = 2;
-    char buffer[4096];
-    while (open > 0 && ::poll(fds, 2, 30000) > 0) {
-        for (int i = 0; i < 2; ++i) {
-            if (!(fds[i].revents & (POLLIN | POLLHUP))) continue;
-            ssize_t count = ::read(fds[i].fd, buffer, sizeof buffer);
-            if (count <= 0) {
-                fds[i].fd = -1;
-                --open;
-            } else {
-                (i == 0 ? run.out : run.err).append(buffer, static_cast<size_t>(count));
-            }
-        }
-    }
-    ::close(outPipe[0]);
-    ::close(errPipe[0]);
-    int status = 0;
-    ::waitpid(pid, &status, 0);
-    run.status = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    return run;
-}
 
 class IntegrityVerbTest : public ::testing::Test {
 protected:
@@ -95,6 +35,11 @@ protected:
         return file;
     }
 
+    testing::ProcessResult integrity() {
+        return testing::runProcess(testing::verdictBenchPath(), {"integrity"},
+                                   {.environment = environment, .clearEnvironment = true});
+    }
+
     void useTCP(const ScriptedModelServer& server) {
         environment["AIMCAP_LOCAL_INFERENCE_ENDPOINT"] = server.baseURLString();
     }
@@ -113,9 +58,9 @@ TEST_F(IntegrityVerbTest, ProceedsWhenTheDefaultSocketServesTheVerifiedFile) {
     std::filesystem::create_symlink(file, home.path() / "link.gguf");
     server.setModelPath((home.path() / "link.gguf").string());
 
-    ProcessRun run = runVerdictBench({"integrity"}, environment);
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(run.out, model + ": files verified\n" + model + ": matches(path: \"" + (home.path() / "link.gguf").string() +
+    const auto run = integrity();
+    EXPECT_EQ(run.exitStatus, 0) << run.standardError;
+    EXPECT_EQ(run.standardOutput, model + ": files verified\n" + model + ": matches(path: \"" + (home.path() / "link.gguf").string() +
                            "\")\ntick would proceed\n");
     EXPECT_EQ(server.requests("/props").size(), 1u);
 }
@@ -126,9 +71,9 @@ TEST_F(IntegrityVerbTest, RefusesWhenTheServerReportsAnotherFileAndWritesNoNote)
     server.setModelPath("/elsewhere/other.gguf");
     useTCP(server);
 
-    ProcessRun run = runVerdictBench({"integrity"}, environment);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out, model + ": files verified\n" + model + ": servingOtherFile(expected: \"" + file.string() +
+    const auto run = integrity();
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.standardOutput, model + ": files verified\n" + model + ": servingOtherFile(expected: \"" + file.string() +
                            "\", actual: \"/elsewhere/other.gguf\")\n"
                            "tick would REFUSE: REFUSING TO JUDGE (#986): the local server is serving "
                            "/elsewhere/other.gguf, not the verified " +
@@ -145,13 +90,13 @@ TEST_F(IntegrityVerbTest, RefusesAFileChangedSinceItWasVerified) {
     server.setModelPath(file.string());
     useTCP(server);
 
-    ProcessRun run = runVerdictBench({"integrity"}, environment);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_NE(run.out.find(model + ": files stale(\"model.gguf\")\n"), std::string::npos) << run.out;
-    EXPECT_NE(run.out.find("tick would REFUSE: REFUSING TO JUDGE (#986): " + model +
+    const auto run = integrity();
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_NE(run.standardOutput.find(model + ": files stale(\"model.gguf\")\n"), std::string::npos) << run.standardOutput;
+    EXPECT_NE(run.standardOutput.find("tick would REFUSE: REFUSING TO JUDGE (#986): " + model +
                            "'s files changed on disk since they were verified (model.gguf)."),
               std::string::npos)
-        << run.out;
+        << run.standardOutput;
 }
 
 TEST_F(IntegrityVerbTest, RefusesWhenTheModelIsNotDownloaded) {
@@ -159,9 +104,9 @@ TEST_F(IntegrityVerbTest, RefusesWhenTheModelIsNotDownloaded) {
     std::filesystem::remove(store.modelsDirectory() / "model.gguf");
     ScriptedModelServer server(ScriptedModelServer::Transport::tcp);
     useTCP(server);
-    ProcessRun run = runVerdictBench({"integrity"}, environment);
-    EXPECT_EQ(run.status, 1);
-    EXPECT_EQ(run.out, model + ": files missing\n" + model + ": modelAbsent\ntick would REFUSE: REFUSING TO JUDGE (#986): " +
+    const auto run = integrity();
+    EXPECT_EQ(run.exitStatus, 1);
+    EXPECT_EQ(run.standardOutput, model + ": files missing\n" + model + ": modelAbsent\ntick would REFUSE: REFUSING TO JUDGE (#986): " +
                            model + " isn't downloaded, so there is nothing verified to judge with. Not sending a screenshot.\n");
 }
 
@@ -169,9 +114,9 @@ TEST_F(IntegrityVerbTest, AModelWithoutAManifestProceedsWithAWarning) {
     ScriptedModelServer server(ScriptedModelServer::Transport::tcp);
     server.setModelPath("/custom/model.gguf");
     useTCP(server);
-    ProcessRun run = runVerdictBench({"integrity"}, environment);
-    EXPECT_EQ(run.status, 0) << run.err;
-    EXPECT_EQ(run.out, model + ": files unknownModel\n" + model + ": unknownModel(servedPath: \"/custom/model.gguf\")\n" +
+    const auto run = integrity();
+    EXPECT_EQ(run.exitStatus, 0) << run.standardError;
+    EXPECT_EQ(run.standardOutput, model + ": files unknownModel\n" + model + ": unknownModel(servedPath: \"/custom/model.gguf\")\n" +
                            "warning: model integrity (#986): " + model +
                            " has no Veska download to verify against (custom AIMCHECK_MODEL?); the server reports "
                            "/custom/model.gguf — judging without an identity check\ntick would proceed\n");
@@ -184,19 +129,19 @@ TEST_F(IntegrityVerbTest, AFailedFetchIsNoVerdict) {
     server.enqueue("/props", ScriptedModelServer::Reply::json(200, "{}"));
     useTCP(server);
     for (const char* expected : {"HTTP 404", "llama-server /props carried no model_path: {}"}) {
-        ProcessRun run = runVerdictBench({"integrity"}, environment);
-        EXPECT_NE(run.status, 0);
-        EXPECT_NE(run.status, 1);
-        EXPECT_EQ(run.out, model + ": files verified\n");
-        EXPECT_NE(run.err.find(expected), std::string::npos) << run.err;
+        const auto run = integrity();
+        EXPECT_NE(run.exitStatus, 0);
+        EXPECT_NE(run.exitStatus, 1);
+        EXPECT_EQ(run.standardOutput, model + ": files verified\n");
+        EXPECT_NE(run.standardError.find(expected), std::string::npos) << run.standardError;
     }
 }
 
 TEST_F(IntegrityVerbTest, ABadEndpointStopsBeforeAnyRequest) {
     environment["AIMCAP_LOCAL_INFERENCE_ENDPOINT"] = "http://localhost:11477";
-    ProcessRun run = runVerdictBench({"integrity"}, environment);
-    EXPECT_NE(run.status, 0);
-    EXPECT_NE(run.err.find("must spell the host as 127.0.0.1"), std::string::npos) << run.err;
+    const auto run = integrity();
+    EXPECT_NE(run.exitStatus, 0);
+    EXPECT_NE(run.standardError.find("must spell the host as 127.0.0.1"), std::string::npos) << run.standardError;
 }
 
 }  // namespace

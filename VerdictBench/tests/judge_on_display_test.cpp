@@ -6,11 +6,11 @@
 #include <ctime>
 
 #include "AimwiseCore/events/classifier_tick.h"
-#include "platform/tests/x_display.h"
 #include "tests/support/run_process.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/signals_fixtures.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/x_display.h"
 
 namespace aimwise {
 namespace {

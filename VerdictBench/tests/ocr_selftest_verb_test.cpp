@@ -7,12 +7,12 @@
 #include "AimwiseCore/classifier/window_content.h"
 #include "CaptureShared/common/utf8.h"
 #include "platform/screenshot_capture.h"
-#include "platform/tests/x_display.h"
 #include "platform/vision_text_recognizer.h"
 #include "tests/support/run_process.h"
 #include "tests/support/scoped_environment.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/x_display.h"
 
 namespace aimwise {
 namespace {

@@ -9,9 +9,9 @@
 #include "AimwiseCore/events/event_log_reader.h"
 #include "CaptureShared/signals/signals_reader.h"
 #include "agents/tests/agent_test_support.h"
-#include "agents/tests/x11_test_display.h"
 #include "tests/support/run_process.h"
 #include "tests/support/signals_fixtures.h"
+#include "tests/support/x_display.h"
 
 namespace aimwise::testing {
 namespace {
@@ -58,7 +58,7 @@ protected:
 };
 
 TEST_F(AimwiseWithAgentTest, ADeclaredTaskReachesTheTicksAndTheEventsTableAndSoDoesItsClearing) {
-    XvfbServer xvfb(sandbox.temp.path());
+    XvfbDisplay xvfb;
     TestWindows windows(xvfb.name());
     windows.focus(windows.create("libreoffice", "libreoffice-writer", "report.odt", 0, 0, 800, 600));
     const auto capture = [&] {

@@ -7,8 +7,8 @@
 #include "CaptureShared/signals/signals_reader.h"
 #include "agents/capture/capture_agent.h"
 #include "agents/tests/agent_test_support.h"
-#include "agents/tests/x11_test_display.h"
 #include "tests/support/run_process.h"
+#include "tests/support/x_display.h"
 
 namespace aimwise::testing {
 namespace {
@@ -16,16 +16,17 @@ namespace {
 class CaptureAgentTest : public ::testing::Test {
 protected:
     AgentSandbox sandbox;
-    XvfbServer xvfb{sandbox.temp.path()};
+    XvfbDisplay xvfb{XvfbDisplay::Number::restartable, sandbox.temp / "xvfb.log"};
     std::filesystem::path agentLog = sandbox.temp / "agent.log";
 
     ProcessResult captureOnce() {
         return runProcess(capturePath(), {"--once"}, {.environment = sandbox.environment(xvfb.name())});
     }
-    std::unique_ptr<BackgroundProcess> startAgent(std::vector<std::string> extra = {}) {
+    std::unique_ptr<ChildProcess> startAgent(std::vector<std::string> extra = {}) {
         std::vector<std::string> argv{capturePath(), "--interval-ms", "200"};
         argv.insert(argv.end(), extra.begin(), extra.end());
-        return std::make_unique<BackgroundProcess>(argv, sandbox.environment(xvfb.name()), agentLog);
+        return std::make_unique<ChildProcess>(
+            argv, ChildProcess::Options{.environment = sandbox.environment(xvfb.name()), .standardError = agentLog});
     }
     std::string agentMessages() const {
         std::ifstream in(agentLog);
@@ -44,10 +45,10 @@ protected:
 
 TEST_F(CaptureAgentTest, OneSampleRecordsTheFrontWindowTheVisibleStackAndIdleTime) {
     TestWindows windows(xvfb.name());
-    const Window editor = windows.create("code", "Code", "notes.md - Code", 10, 20, 400, 300, 4242);
-    const Window browser = windows.create("Navigator", "firefox", "Hacker News \u2014 Mozilla Firefox", 300, 100, 640,
+    const XWindowId editor = windows.create("code", "Code", "notes.md - Code", 10, 20, 400, 300, 4242);
+    const XWindowId browser = windows.create("Navigator", "firefox", "Hacker News \u2014 Mozilla Firefox", 300, 100, 640,
                                           480, 777);
-    const Window minimised = windows.create("gimp", "Gimp", "hidden picture", 0, 0, 200, 200);
+    const XWindowId minimised = windows.create("gimp", "Gimp", "hidden picture", 0, 0, 200, 200);
     windows.unmap(minimised);
     windows.publishHints({editor, minimised, browser}, browser);
     windows.warpPointer(123, 456);
@@ -85,7 +86,7 @@ TEST_F(CaptureAgentTest, OneSampleRecordsTheFrontWindowTheVisibleStackAndIdleTim
 
 TEST_F(CaptureAgentTest, WithoutWindowManagerHintsTheFocusAndTheWindowTreeStandIn) {
     TestWindows windows(xvfb.name());
-    const Window terminal = windows.create("xterm", "XTerm", "make -j2", 0, 0, 500, 400, 31);
+    const XWindowId terminal = windows.create("xterm", "XTerm", "make -j2", 0, 0, 500, 400, 31);
     windows.create("evince", "Evince", "paper.pdf", 520, 0, 600, 700, 32);
     windows.focus(terminal);
 
@@ -101,8 +102,8 @@ TEST_F(CaptureAgentTest, WithoutWindowManagerHintsTheFocusAndTheWindowTreeStandI
 
 TEST_F(CaptureAgentTest, ARunningAgentFollowsMovesRetitlesFocusAndIdleTime) {
     TestWindows windows(xvfb.name());
-    const Window editor = windows.create("code", "Code", "notes.md - Code", 10, 20, 400, 300, 4242);
-    const Window browser = windows.create("chromium", "Chromium", "Docs - Chromium", 300, 100, 640, 480, 778);
+    const XWindowId editor = windows.create("code", "Code", "notes.md - Code", 10, 20, 400, 300, 4242);
+    const XWindowId browser = windows.create("chromium", "Chromium", "Docs - Chromium", 300, 100, 640, 480, 778);
     windows.publishHints({editor, browser}, browser);
     windows.resetIdle();
     auto agent = startAgent();

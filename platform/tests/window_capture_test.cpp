@@ -7,10 +7,10 @@
 
 #include "platform/on_screen_windows.h"
 #include "platform/screenshot_capture.h"
-#include "platform/tests/x_display.h"
 #include "platform/vision_text_recognizer.h"
 #include "tests/support/scoped_environment.h"
 #include "tests/support/temp_dir.h"
+#include "tests/support/x_display.h"
 
 namespace aimwise {
 namespace {

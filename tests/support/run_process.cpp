@@ -31,7 +31,7 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
         throw std::runtime_error("pipe failed");
 
     std::map<std::string, std::string> env;
-    for (char** e = environ; e && *e; ++e) {
+    for (char** e = environ; !options.clearEnvironment && e && *e; ++e) {
         const char* eq = std::strchr(*e, '=');
         if (eq) env[std::string(*e, static_cast<size_t>(eq - *e))] = eq + 1;
     }

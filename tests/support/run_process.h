@@ -20,6 +20,8 @@ struct ProcessOptions {
     std::vector<std::string> unset;
     std::optional<std::string> standardInput;
     int timeoutSec = 60;
+    // Start from an empty environment instead of the test's own.
+    bool clearEnvironment = false;
 };
 
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
