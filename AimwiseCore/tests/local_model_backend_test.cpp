@@ -454,17 +454,6 @@ TEST_P(LocalModelBackendTest, OverflowDropsTheOldestTurnsAndSaysSo) {
     EXPECT_NE(log.front().find("9000"), std::string::npos);
 }
 
-TEST_P(LocalModelBackendTest, OverflowWithNothingLeftToDropIsTheServersError) {
-    server.setHandler("/v1/chat/completions", [](const ScriptedModelServer::Request&) {
-        return Reply::json(400, overflowBody(9000, 4096).dump());
-    });
-    auto model = backend();
-    ModelBackendError error = chatError(*model, conversation);
-    ASSERT_TRUE(error.asHTTPError());
-    EXPECT_EQ(error.asHTTPError()->status, 400);
-    EXPECT_EQ(server.requests().size(), 1u);
-}
-
 TEST_P(LocalModelBackendTest, OverflowRetriesAreBounded) {
     server.setHandler("/v1/chat/completions", [](const ScriptedModelServer::Request&) {
         return Reply::json(400, overflowBody(4100, 4096).dump());  // barely over: one turn per retry
@@ -481,14 +470,22 @@ TEST_P(LocalModelBackendTest, OverflowRetriesAreBounded) {
     EXPECT_EQ(model->cachedContextSize(), 4096);
 }
 
-TEST_P(LocalModelBackendTest, AnOrdinaryBadRequestIsNotTreatedAsOverflow) {
+// An overflow with nothing left to drop, and a 400 that is no overflow: the server's error, sent once.
+TEST_P(LocalModelBackendTest, ABadRequestThatCannotBeFittedIsTheServersError) {
+    server.enqueue("/v1/chat/completions", Reply::json(400, overflowBody(9000, 4096).dump()));
     server.enqueue("/v1/chat/completions",
                    Reply::json(400, R"({"error":{"code":400,"message":"context","type":"invalid_request_error"}})"));
-    std::vector<ChatMessage> messages{ChatMessage::user("old"), ChatMessage::assistant("a"), ChatMessage::user("new")};
     auto model = backend();
-    EXPECT_TRUE(chatError(*model, messages).asHTTPError());
-    EXPECT_EQ(server.requests().size(), 1u);
-    EXPECT_TRUE(log.empty());
+    const std::vector<std::vector<ChatMessage>> conversations{
+        conversation, {ChatMessage::user("old"), ChatMessage::assistant("a"), ChatMessage::user("new")}};
+    for (size_t i = 0; i < conversations.size(); ++i) {
+        const size_t logged = log.size();
+        ModelBackendError error = chatError(*model, conversations[i]);
+        ASSERT_TRUE(error.asHTTPError()) << i;
+        EXPECT_EQ(error.asHTTPError()->status, 400);
+        EXPECT_EQ(server.requests().size(), i + 1);
+        if (i == 1) EXPECT_EQ(log.size(), logged) << "an ordinary bad request is no context fit";
+    }
 }
 
 // ---- conformance and dumps ----

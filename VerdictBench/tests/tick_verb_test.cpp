@@ -4,6 +4,7 @@
 #include <gtest/gtest.h>
 
 #include <chrono>
+#include <functional>
 #include <regex>
 
 #include "AimwiseCore/classifier/backoff_disclosure.h"
@@ -254,45 +255,64 @@ TEST_F(TickTest, AFreshReadingClearsAnEarlierNoteAndAnUntrustworthyOneLeavesIt) 
     EXPECT_FALSE(fs::exists(staleNote()));
 }
 
-TEST_F(TickTest, UnreadableSignalsFailAndLeaveTheCadenceAlone) {
-    fs::create_directories(root());
-    cadenceJudgedAgo(10'000);
-    const std::string before = testing::readFile(cadencePath());
-    const auto result = run();
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.standardError, "FAIL: openFailed(\"unable to open database file\")\n");
-    EXPECT_EQ(testing::readFile(cadencePath()), before);
-    expectNoLogRows();
-}
-
-TEST_F(TickTest, NoRowsFailsAndLeavesTheCadenceAlone) {
-    signals();
-    cadenceJudgedAgo(10'000);
-    const std::string before = testing::readFile(cadencePath());
-    const auto result = run();
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.standardOutput, "");
-    EXPECT_EQ(result.standardError, "no signal data available (volume unmounted or DB empty) — skipping\n");
-    EXPECT_EQ(testing::readFile(cadencePath()), before);
-    expectNoLogRows();
-}
-
-TEST_F(TickTest, AModelThatIsNotDownloadedIsRefusedAndAnOldNoteCleared) {
-    freshRow();
-    cadenceJudgedAgo(10'000, "Mail");
-    const std::string before = testing::readFile(cadencePath());
-    testing::writeFile(refusalNote(), "{}");
-    LocalModelStore(supportDir() / "models")
-        .saveManifest({"judge-model", "judge.gguf", {{"judge.gguf", 4, std::string(64, '0')}}});
-    const auto result = run();
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.standardError,
-              "REFUSING TO JUDGE (#986): judge-model isn't downloaded, so there is nothing verified to judge with. "
-              "Not sending a screenshot.\n");
-    EXPECT_FALSE(fs::exists(refusalNote()));
-    EXPECT_EQ(testing::readFile(cadencePath()), before);
-    EXPECT_TRUE(server.requests(chatPath).empty());
-    expectNoLogRows();
+// Rows that fail: status 1, the reason on standard error, the cadence file as it was and no log row.
+TEST_F(TickTest, FailuresLeaveTheCadenceAloneAndLogNothing) {
+    const std::string boom = R"({"error":{"code":500,"message":"boom","type":"server_error"}})";
+    struct Row {
+        std::string name;
+        std::function<void()> arrange;
+        std::function<void(const std::string&)> expectError;
+    };
+    const auto is = [](std::string expected) {
+        return [expected](const std::string& error) { EXPECT_EQ(error, expected); };
+    };
+    const std::vector<Row> rows{
+        {"unreadable signals", [&] { fs::create_directories(root()); },
+         is("FAIL: openFailed(\"unable to open database file\")\n")},
+        {"no rows", [&] { signals(); }, is("no signal data available (volume unmounted or DB empty) — skipping\n")},
+        {"model not downloaded",
+         [&] {
+             freshRow();
+             testing::writeFile(refusalNote(), "{}");
+             LocalModelStore(supportDir() / "models")
+                 .saveManifest({"judge-model", "judge.gguf", {{"judge.gguf", 4, std::string(64, '0')}}});
+         },
+         [&](const std::string& error) {
+             EXPECT_EQ(error, "REFUSING TO JUDGE (#986): judge-model isn't downloaded, so there is nothing verified to "
+                              "judge with. Not sending a screenshot.\n");
+             EXPECT_FALSE(fs::exists(refusalNote())) << "an old note is cleared";
+         }},
+        // After the integrity warning for an unverifiable model, the failure is the last word.
+        {"failed model call",
+         [&] {
+             freshRow();
+             server.enqueue(chatPath, Reply::json(500, boom));
+         },
+         [&](const std::string& error) { EXPECT_TRUE(error.ends_with("\nFAIL: HTTP 500: " + boom + "\n")) << error; }},
+        {"failed integrity fetch",
+         [&] {
+             freshRow();
+             server.enqueue("/props", Reply::json(404, R"({"error":{"code":404,"message":"not found"}})"));
+         },
+         [&](const std::string& error) { EXPECT_EQ(error.rfind("FAIL: ", 0), 0u) << error; }},
+    };
+    for (const Row& row : rows) {
+        SCOPED_TRACE(row.name);
+        fixture.reset();
+        fs::remove_all(root());
+        fs::remove_all(supportDir());
+        const size_t chatRequests = server.requests(chatPath).size();
+        row.arrange();
+        cadenceJudgedAgo(10'000, "Mail");
+        const std::string before = testing::readFile(cadencePath());
+        const auto result = run();
+        EXPECT_EQ(result.exitStatus, 1);
+        EXPECT_EQ(result.standardOutput, "");
+        row.expectError(result.standardError);
+        EXPECT_EQ(testing::readFile(cadencePath()), before);
+        if (row.name != "failed model call") EXPECT_EQ(server.requests(chatPath).size(), chatRequests);
+        expectNoLogRows();
+    }
 }
 
 TEST_F(TickTest, AServerServingAnotherFileIsRefusedWithANoteForTheApp) {
@@ -323,32 +343,6 @@ TEST_F(TickTest, AServerServingAnotherFileIsRefusedWithANoteForTheApp) {
     reply(R"({"state": "ON_TASK", "confidence": 0.5, "reason": "ok"})");
     EXPECT_EQ(run().exitStatus, 0);
     EXPECT_FALSE(fs::exists(refusalNote()));
-}
-
-TEST_F(TickTest, AFailedModelCallLogsNothingAndLeavesTheCadenceForTheNextInterval) {
-    freshRow();
-    cadenceJudgedAgo(10'000, "Mail");
-    const std::string before = testing::readFile(cadencePath());
-    server.enqueue(chatPath, Reply::json(500, R"({"error":{"code":500,"message":"boom","type":"server_error"}})"));
-    const auto result = run();
-    EXPECT_EQ(result.exitStatus, 1);
-    // After the integrity warning for an unverifiable model, the failure is the last word.
-    EXPECT_TRUE(result.standardError.ends_with("\nFAIL: HTTP 500: "
-                                               "{\"error\":{\"code\":500,\"message\":\"boom\",\"type\":\"server_error\"}}\n"))
-        << result.standardError;
-    EXPECT_EQ(result.standardOutput, "");
-    EXPECT_EQ(testing::readFile(cadencePath()), before);
-    expectNoLogRows();
-}
-
-TEST_F(TickTest, AFailedIntegrityFetchIsAFailureAndNoJudgment) {
-    freshRow();
-    server.enqueue("/props", Reply::json(404, R"({"error":{"code":404,"message":"not found"}})"));
-    const auto result = run();
-    EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.standardError.rfind("FAIL: ", 0), 0u) << result.standardError;
-    EXPECT_TRUE(server.requests(chatPath).empty());
-    expectNoLogRows();
 }
 
 TEST_F(TickTest, AnEndedQuietWindowIsDisclosedOnceThroughTheNotifier) {

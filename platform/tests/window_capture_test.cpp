@@ -42,16 +42,6 @@ std::string readText(const std::filesystem::path& image) {
     return std::get<VisionTextRecognizer::Read>(result).text;
 }
 
-TEST_F(OnXvfb, ACapturedWindowIsReadBackLineByLine) {
-    const ScreenRect rect{120, 90, 640, 160};
-    TestWindow window(*display_, "Notes", rect, {"Quarterly budget review", "Invoice 4471 due Friday"}, 20);
-    const auto image = dir_ / "window.png";
-    const auto result = ScreenshotCapture::captureRect(rect, image, 10.0);
-    ASSERT_TRUE(std::holds_alternative<ScreenshotCapture::Captured>(result))
-        << std::get<ScreenshotCapture::Failed>(result).reason;
-    EXPECT_EQ(readText(image), "Quarterly budget review\nInvoice 4471 due Friday");
-}
-
 // Glyphs about 8 px high: read as "sake instal fiche" at 1x, correctly once enlarged.
 TEST_F(OnXvfb, SmallScreenTextIsReadThanksToUpscaling) {
     const ScreenRect rect{40, 500, 420, 60};
