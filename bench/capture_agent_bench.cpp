@@ -27,29 +27,13 @@
 #include <vector>
 
 
-extern char** environ;
+#include "bench/child_process.h"
 
 namespace {
 
 namespace fs = std::filesystem;
 
-pid_t spawn(const std::vector<std::string>& arguments, const std::vector<std::string>& environment, int reportFd,
-            int reportTo) {
-    std::vector<char*> argv, envp;
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    if (reportFd >= 0) posix_spawn_file_actions_adddup2(&actions, reportFd, reportTo);
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) pid = -1;
-    posix_spawn_file_actions_destroy(&actions);
-    return pid;
-}
+using aimwise::bench::spawnQuietly;
 
 void stop(pid_t pid) {
     if (pid <= 0) return;
@@ -158,7 +142,7 @@ void BM_CaptureAgentRunning(benchmark::State& state) {
     for (auto _ : state) {
         int report[2];
         if (::pipe2(report, O_CLOEXEC) != 0) return state.SkipWithError("pipe failed");
-        const pid_t xvfb = spawn({"Xvfb", "-displayfd", "3", "-screen", "0", "1920x1080x24", "-nolisten", "tcp",
+        const pid_t xvfb = spawnQuietly({"Xvfb", "-displayfd", "3", "-screen", "0", "1920x1080x24", "-nolisten", "tcp",
                                   "-noreset"},
                                  {}, report[1], 3);
         ::close(report[1]);
@@ -184,7 +168,7 @@ void BM_CaptureAgentRunning(benchmark::State& state) {
         }
 
         const std::string agent = (fs::read_symlink("/proc/self/exe").parent_path() / "aimwise-capture").string();
-        const pid_t capture = spawn({agent},
+        const pid_t capture = spawnQuietly({agent},
                                     {"DISPLAY=" + display, "HOME=" + home.string(),
                                      "XDG_DATA_HOME=" + (home / "data").string(),
                                      "XDG_STATE_HOME=" + (home / "state").string(),

@@ -21,6 +21,7 @@
 #include <vector>
 
 #include "AimwiseCore/classifier/cadence.h"
+#include "bench/child_process.h"
 #include "bench/instant_model_server.h"
 #include "CaptureShared/signals/schema.h"
 #include "CaptureShared/signals/sqlite_db.h"
@@ -94,35 +95,8 @@ const DataRoot& dataRoot() {
 // VerdictBench is built into the same directory as this program.
 std::string verdictBench() { return (fs::read_symlink("/proc/self/exe").parent_path() / "VerdictBench").string(); }
 
-struct ChildCost {
-    double wallSec = 0;
-    double cpuSec = 0;
-    long maxRSSKiB = 0;
-    int status = -1;
-};
-
-ChildCost runChild(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
-    std::vector<char*> argv, envp;
-    for (const auto& a : arguments) argv.push_back(const_cast<char*>(a.c_str()));
-    argv.push_back(nullptr);
-    for (const auto& e : environment) envp.push_back(const_cast<char*>(e.c_str()));
-    envp.push_back(nullptr);
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    const auto start = std::chrono::steady_clock::now();
-    pid_t pid = 0;
-    if (posix_spawnp(&pid, argv[0], &actions, nullptr, argv.data(), envp.data()) != 0) std::abort();
-    int status = 0;
-    rusage usage{};
-    ::wait4(pid, &status, 0, &usage);
-    const auto end = std::chrono::steady_clock::now();
-    posix_spawn_file_actions_destroy(&actions);
-    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-    return {std::chrono::duration<double>(end - start).count(), seconds(usage.ru_utime) + seconds(usage.ru_stime),
-            usage.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
-}
+using aimwise::bench::ChildCost;
+using aimwise::bench::runChild;
 
 std::vector<std::string> tickEnvironment(const std::string& endpoint) {
     const fs::path home = dataRoot().directory;
