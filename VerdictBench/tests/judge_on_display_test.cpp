@@ -56,16 +56,11 @@ protected:
 
     testing::ProcessResult run(const std::vector<std::string>& arguments) {
         testing::ProcessOptions options;
-        options.environment = {{"AIMCAP_DATA_ROOT", root().string()},
-                               {"XDG_DATA_HOME", (dir / "xdg").string()},
-                               {"XDG_STATE_HOME", (dir / "state").string()},
-                               {"HOME", (dir / "home").string()},
-                               {"TMPDIR", tmp().string()},
-                               {"DISPLAY", display_->name()},
-                               {"AIMCAP_OCR_HELPER", testing::ocrHelperProgram()},
-                               {"AIMCAP_LOCAL_INFERENCE_ENDPOINT", server.baseURLString()},
-                               {"AIMCHECK_MODEL", "judge-model"},
-                               {"AIMCAP_CALL_PAUSE", "0"}};
+        options.environment = testing::verdictBenchEnvironment(dir.path(), server.baseURLString());
+        options.environment.insert({{"TMPDIR", tmp().string()},
+                                    {"DISPLAY", display_->name()},
+                                    {"AIMCAP_OCR_HELPER", testing::ocrHelperProgram()},
+                                    {"AIMCAP_CALL_PAUSE", "0"}});
         options.unset = {"AIMCAP_DENYLIST"};
         return testing::runProcess(testing::verdictBenchPath(), arguments, options);
     }

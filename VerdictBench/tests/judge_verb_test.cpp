@@ -27,12 +27,7 @@ protected:
 
     testing::ProcessResult run(const std::vector<std::string>& arguments) {
         testing::ProcessOptions options;
-        options.environment = {{"AIMCAP_DATA_ROOT", root().string()},
-                               {"XDG_DATA_HOME", (dir / "xdg").string()},
-                               {"XDG_STATE_HOME", (dir / "state").string()},
-                               {"HOME", (dir / "home").string()},
-                               {"AIMCAP_LOCAL_INFERENCE_ENDPOINT", server.baseURLString()},
-                               {"AIMCHECK_MODEL", "judge-model"}};
+        options.environment = testing::verdictBenchEnvironment(dir.path(), server.baseURLString());
         // No display: a live judgment captures nothing here.
         options.unset = {"DISPLAY", "WAYLAND_DISPLAY"};
         return testing::runProcess(testing::verdictBenchPath(), arguments, options);

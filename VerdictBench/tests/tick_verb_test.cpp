@@ -47,13 +47,9 @@ protected:
     TickTest() : server(ScriptedModelServer::Transport::tcp) {}
 
     std::map<std::string, std::string> environment() const {
-        return {{"AIMCAP_DATA_ROOT", root().string()},
-                {"XDG_DATA_HOME", (dir / "xdg").string()},
-                {"XDG_STATE_HOME", (dir / "state").string()},
-                {"HOME", (dir / "home").string()},
-                {"AIMCAP_LOCAL_INFERENCE_ENDPOINT", server.baseURLString()},
-                {"AIMCHECK_MODEL", "judge-model"},
-                {"PATH", (dir / "bin").string() + ":/usr/bin:/bin"}};
+        auto env = testing::verdictBenchEnvironment(dir.path(), server.baseURLString());
+        env["PATH"] = (dir / "bin").string() + ":/usr/bin:/bin";
+        return env;
     }
 
     testing::ProcessResult run() {

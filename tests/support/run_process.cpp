@@ -24,6 +24,12 @@ std::string verdictBenchPath() {
 #endif
 }
 
+std::map<std::string, std::string> verdictBenchEnvironment(const std::string& dir, const std::string& endpoint) {
+    return {{"AIMCAP_DATA_ROOT", dir + "/root"}, {"XDG_DATA_HOME", dir + "/xdg"},
+            {"XDG_STATE_HOME", dir + "/state"},  {"HOME", dir + "/home"},
+            {"AIMCAP_LOCAL_INFERENCE_ENDPOINT", endpoint}, {"AIMCHECK_MODEL", "judge-model"}};
+}
+
 ProcessResult runProcess(const std::string& program, const std::vector<std::string>& arguments,
                          const ProcessOptions& options) {
     int out[2], err[2], in[2];

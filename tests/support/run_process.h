@@ -29,5 +29,8 @@ ProcessResult runProcess(const std::string& program, const std::vector<std::stri
 
 // The built VerdictBench binary.
 std::string verdictBenchPath();
+// What a VerdictBench run needs to stay inside `dir`: data root dir/root, home and XDG directories
+// under it, the model "judge-model" at `endpoint`.
+std::map<std::string, std::string> verdictBenchEnvironment(const std::string& dir, const std::string& endpoint);
 
 }  // namespace aimwise::testing

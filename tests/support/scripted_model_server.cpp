@@ -221,11 +221,6 @@ void ScriptedModelServer::setModelPath(std::string path) {
     modelPath_ = std::move(path);
 }
 
-void ScriptedModelServer::setContextSize(int tokens) {
-    std::lock_guard lock(mutex_);
-    contextSize_ = tokens;
-}
-
 std::vector<ScriptedModelServer::Request> ScriptedModelServer::requests() const {
     std::lock_guard lock(mutex_);
     return requests_;
@@ -405,15 +400,13 @@ ScriptedModelServer::Reply ScriptedModelServer::replyFor(const Request& request)
 
 ScriptedModelServer::Reply ScriptedModelServer::builtIn(const Request& request) {
     std::string modelPath;
-    int contextSize;
     {
         std::lock_guard lock(mutex_);
         modelPath = modelPath_;
-        contextSize = contextSize_;
     }
     if (request.path == "/health") return Reply::json(200, R"({"status":"ok"})");
     if (request.path == "/props") {
-        json props = {{"default_generation_settings", {{"n_ctx", contextSize}}},
+        json props = {{"default_generation_settings", {{"n_ctx", 8192}}},
                       {"total_slots", 1},
                       {"model_alias", "scripted"},
                       {"model_path", modelPath},

@@ -71,12 +71,10 @@ public:
     ScriptedModelServer(const ScriptedModelServer&) = delete;
     ScriptedModelServer& operator=(const ScriptedModelServer&) = delete;
 
-    Transport transport() const { return transport_; }
     // The server's base URL, as the endpoint variable or the default socket URL would give it.
     EndpointURL baseURL() const;
     std::string baseURLString() const { return baseURL().string(); }
     EndpointURL chatURL() const { return baseURL().appendingPath("v1/chat/completions"); }
-    int port() const { return port_; }
     const std::filesystem::path& socketPath() const { return socketPath_; }
 
     // Scripted replies for a path are used first, one per request, in order.
@@ -86,7 +84,6 @@ public:
     // The next `count` requests to any route but /v1/models answer 503 "Loading model".
     void setLoadingRequests(int count);
     void setModelPath(std::string path);
-    void setContextSize(int tokens);
 
     std::vector<Request> requests() const;
     std::vector<Request> requests(const std::string& path) const;
@@ -128,7 +125,6 @@ private:
     std::vector<Request> requests_;
     int loadingRequests_ = 0;
     std::string modelPath_ = "/models/scripted.gguf";
-    int contextSize_ = 8192;
 };
 
 }  // namespace aimwise::testing
