@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <cctype>
 #include <cmath>
+#include <filesystem>
 #include <mutex>
 
 #include "AimwiseCore/models/cancellation.h"
@@ -208,6 +209,13 @@ void HTTPSession::Impl::perform(const HTTPRequest& request, Transfer& transfer) 
 
     CURLcode code = libcurl().easyPerform(curl);
     std::string detail = errorText[0] ? std::string(errorText) : std::string(libcurl().easyStrerror(code));
+    // curl speaks of "localhost port 80" even when it dialled a socket file.
+    if (code == CURLE_COULDNT_CONNECT && !socketPath.empty()) {
+        std::error_code ignored;
+        detail = std::filesystem::exists(socketPath, ignored)
+                     ? "nothing accepts connections on the socket " + socketPath
+                     : "there is no socket at " + socketPath;
+    }
     libcurl().slistFreeAll(headers);
     if (code == CURLE_OK && !transfer.failure) {
         try {

@@ -269,6 +269,9 @@ TEST_P(LocalModelBackendTest, NoServerIsAReachabilityFailure) {
     ModelBackendError error = chatError(model, conversation);
     EXPECT_TRUE(error.asTransportError()) << error.description();
     EXPECT_TRUE(error.isReachabilityFailure());
+    if (gone.isUnixSocket())
+        EXPECT_NE(error.description().find("there is no socket at " + *gone.host), std::string::npos)
+            << error.description();
 }
 
 TEST_P(LocalModelBackendTest, AnEndpointOffThisMachineIsRefusedBeforeAnyByteIsSent) {
