@@ -347,7 +347,9 @@ TEST(CadenceStateFile, RoundTripsPrivatelyAndRefusesGarbage) {
 
     for (size_t n = 0; n < text.size(); ++n) {
         const auto prefix = decode(text.substr(0, n));
-        if (prefix) EXPECT_EQ(*prefix, state);  // only the whole object, give or take blanks, decodes
+        if (prefix) {
+            EXPECT_EQ(*prefix, state);
+        }  // only the whole object, give or take blanks, decodes
     }
     EXPECT_FALSE(decode("[1,2]"));
     EXPECT_FALSE(decode(R"({"v":1,"lastRanAtMs":"soon","lastJudgedAtMs":1,"runStartedAtMs":1,"lastVerdict":"X"})"));

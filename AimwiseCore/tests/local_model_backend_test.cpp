@@ -269,9 +269,10 @@ TEST_P(LocalModelBackendTest, NoServerIsAReachabilityFailure) {
     ModelBackendError error = chatError(model, conversation);
     EXPECT_TRUE(error.asTransportError()) << error.description();
     EXPECT_TRUE(error.isReachabilityFailure());
-    if (gone.isUnixSocket())
+    if (gone.isUnixSocket()) {
         EXPECT_NE(error.description().find("there is no socket at " + *gone.host), std::string::npos)
             << error.description();
+    }
 }
 
 TEST_P(LocalModelBackendTest, AnEndpointOffThisMachineIsRefusedBeforeAnyByteIsSent) {
@@ -487,7 +488,9 @@ TEST_P(LocalModelBackendTest, ABadRequestThatCannotBeFittedIsTheServersError) {
         ASSERT_TRUE(error.asHTTPError()) << i;
         EXPECT_EQ(error.asHTTPError()->status, 400);
         EXPECT_EQ(server.requests().size(), i + 1);
-        if (i == 1) EXPECT_EQ(log.size(), logged) << "an ordinary bad request is no context fit";
+        if (i == 1) {
+            EXPECT_EQ(log.size(), logged) << "an ordinary bad request is no context fit";
+        }
     }
 }
 

@@ -320,7 +320,9 @@ TEST_F(WindowContentOnXvfb, LiveCaptureDegradesToNothingWithTheReasonOnStandardE
             EXPECT_EQ(said, "");
         else
             EXPECT_EQ(said.rfind(c.expected, 0), 0u) << said;
-        if (c.withheld) EXPECT_EQ(server_.requests(chatPath).size(), requestsBefore);
+        if (c.withheld) {
+            EXPECT_EQ(server_.requests(chatPath).size(), requestsBefore);
+        }
         EXPECT_TRUE(leftovers().empty());
     }
 }

@@ -306,7 +306,9 @@ TEST_F(TickTest, FailuresLeaveTheCadenceAloneAndLogNothing) {
         EXPECT_EQ(result.standardOutput, "");
         row.expectError(result.standardError);
         EXPECT_EQ(testing::readFile(cadencePath()), before);
-        if (row.name != "failed model call") EXPECT_EQ(server.requests(chatPath).size(), chatRequests);
+        if (row.name != "failed model call") {
+            EXPECT_EQ(server.requests(chatPath).size(), chatRequests);
+        }
         expectNoLogRows();
     }
 }
