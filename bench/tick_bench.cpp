@@ -9,9 +9,7 @@
 // AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there to run a tick by hand.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
-#include <spawn.h>
 #include <stdlib.h>
-#include <sys/resource.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
@@ -168,18 +166,9 @@ BENCHMARK(BM_Sqlite3ShellReadingTheNewestRow)
 // What the dynamic loader maps for a VerdictBench start, as `ldd` lists it.
 std::vector<std::string> librariesOfTheTick() {
     int fds[2];
-    if (::pipe(fds) != 0) std::abort();
-    posix_spawn_file_actions_t actions;
-    posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_adddup2(&actions, fds[1], STDOUT_FILENO);
-    posix_spawn_file_actions_addclose(&actions, fds[0]);
-    const std::string program = verdictBench();
-    char* argv[] = {const_cast<char*>(program.c_str()), nullptr};
-    char trace[] = "LD_TRACE_LOADED_OBJECTS=1";
-    char* envp[] = {trace, nullptr};
-    pid_t pid = 0;
-    if (posix_spawn(&pid, argv[0], &actions, nullptr, argv, envp) != 0) std::abort();
-    posix_spawn_file_actions_destroy(&actions);
+    if (::pipe2(fds, O_CLOEXEC) != 0) std::abort();
+    const pid_t pid = aimwise::bench::spawnQuietly({verdictBench()}, {"LD_TRACE_LOADED_OBJECTS=1"}, fds[1], STDOUT_FILENO);
+    if (pid < 0) std::abort();
     ::close(fds[1]);
     std::string listing;
     char buffer[4096];
