@@ -2,9 +2,10 @@
 // Cooperative cancellation of a model call. A caller that may abandon a call installs a token for
 // the calling thread; the transport checks it while bytes are in flight and while it waits.
 #include <atomic>
-#include <exception>
 #include <memory>
 #include <string>
+
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
@@ -36,9 +37,8 @@ private:
 };
 
 // Passes through every backend unchanged and is never retried.
-struct CancellationError : std::exception {
-    const char* what() const noexcept override { return "the model call was cancelled"; }
-    std::string description() const { return what(); }
+struct CancellationError : Error {
+    CancellationError() : Error("the model call was cancelled") {}
 };
 
 }  // namespace aimwise

@@ -18,7 +18,7 @@ std::string describe(const ModelBackendError::Case& value) {
 
 }  // namespace
 
-ModelBackendError::ModelBackendError(Case value) : value_(std::move(value)), description_(describe(value_)) {}
+ModelBackendError::ModelBackendError(Case value) : Error(describe(value)), value_(std::move(value)) {}
 
 ModelBackendError ModelBackendError::invalidResponse(std::string reason) {
     return ModelBackendError(InvalidResponse{std::move(reason)});

@@ -1,12 +1,13 @@
 #pragma once
 // The one error of a model call. Retry and fallback decide from isReachabilityFailure alone.
-#include <exception>
 #include <string>
 #include <variant>
 
+#include "CaptureShared/common/error.h"
+
 namespace aimwise {
 
-class ModelBackendError : public std::exception {
+class ModelBackendError : public Error {
 public:
     struct InvalidResponse {
         std::string reason;
@@ -34,9 +35,6 @@ public:
     const HTTPError* asHTTPError() const { return std::get_if<HTTPError>(&value_); }
     const TransportError* asTransportError() const { return std::get_if<TransportError>(&value_); }
 
-    std::string description() const { return description_; }
-    const char* what() const noexcept override { return description_.c_str(); }
-
     // No usable answer came back from the server at all (no connection, a timeout, a 5xx, a
     // rate limit): the cases where trying elsewhere can help.
     bool isReachabilityFailure() const;
@@ -45,7 +43,6 @@ public:
 
 private:
     Case value_;
-    std::string description_;
 };
 
 // A body as UTF-8 text, or empty when it is not valid UTF-8.
