@@ -9,7 +9,6 @@
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
-#include <map>
 #include <memory>
 #include <unordered_map>
 #include <unordered_set>
@@ -27,29 +26,64 @@ namespace {
 
 constexpr const char* chatMessageType = "app_chat_message";
 
-// Building an ICU formatter costs far more than a format, so each thread keeps one per pattern,
-// following the default zone if it changes.
-std::string formatted(int64_t ms, const char16_t* pattern) {
-    thread_local std::map<const char16_t*, std::unique_ptr<icu::SimpleDateFormat>> formatters;
-    auto& format = formatters[pattern];
-    if (!format) {
-        UErrorCode status = U_ZERO_ERROR;
-        auto made = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(pattern), icu::Locale("en_US_POSIX"),
-                                                            status);
-        if (U_FAILURE(status)) return {};
-        format = std::move(made);
-    }
+// Building an ICU formatter costs far more than a format, and a timeline formats hundreds of times
+// that share few minutes: each thread keeps one formatter per pattern and the texts of the minutes it
+// has formatted. The default zone is checked once per public call rather than once per time.
+struct LocalTimeText {
+    std::unique_ptr<icu::TimeZone> zone;
+    std::unique_ptr<icu::SimpleDateFormat> formatters[2];
+    std::unordered_map<int64_t, std::string> minutes[2];
+};
+
+constexpr const char16_t* patterns[2] = {u"H:mm", u"MMM d, H:mm"};
+constexpr size_t rememberedMinutes = 100'000;
+
+LocalTimeText& localTimeText() {
+    thread_local LocalTimeText text;
+    return text;
+}
+
+void followDefaultZone() {
+    LocalTimeText& text = localTimeText();
     std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
-    if (zone && format->getTimeZone() != *zone) format->adoptTimeZone(zone.release());
+    if (!zone || (text.zone && *text.zone == *zone)) return;
+    for (auto& formatter : text.formatters)
+        if (formatter) formatter->setTimeZone(*zone);
+    for (auto& minutes : text.minutes) minutes.clear();
+    text.zone = std::move(zone);
+}
+
+std::string formatted(int64_t ms, int pattern) {
+    LocalTimeText& text = localTimeText();
+    const int64_t minute = ms >= 0 ? ms / 60'000 : -((-ms + 59'999) / 60'000);
+    auto& minutes = text.minutes[pattern];
+    if (const auto it = minutes.find(minute); it != minutes.end()) return it->second;
+    auto& formatter = text.formatters[pattern];
+    if (!formatter) {
+        UErrorCode status = U_ZERO_ERROR;
+        formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(patterns[pattern]),
+                                                            icu::Locale("en_US_POSIX"), status);
+        if (U_FAILURE(status)) {
+            formatter.reset();
+            return {};
+        }
+        if (text.zone) formatter->setTimeZone(*text.zone);
+    }
     icu::UnicodeString out;
-    format->format(static_cast<UDate>(ms), out);
+    formatter->format(static_cast<UDate>(minute * 60'000), out);
     std::string utf8;
     out.toUTF8String(utf8);
+    if (minutes.size() >= rememberedMinutes) minutes.clear();
+    minutes.emplace(minute, utf8);
     return utf8;
 }
 
+std::string timeText(int64_t ms) { return formatted(ms, 0); }
+std::string dateTimeText(int64_t ms) { return formatted(ms, 1); }
+
 // The person's own words, cut to `cap` characters (grapheme clusters) and "…".
 std::string cutText(const std::string& text, int cap) {
+    if (text.size() <= static_cast<size_t>(cap)) return text;  // no more characters than bytes
     const icu::UnicodeString input = icu::UnicodeString::fromUTF8(text);
     if (input.countChar32() <= cap) return text;
     UErrorCode status = U_ZERO_ERROR;
@@ -68,6 +102,16 @@ std::string cutText(const std::string& text, int cap) {
 
 std::string quotedUserText(const std::string& text) { return "\"" + cutText(text, userTextCap) + "\""; }
 
+// Most texts start with a visible ASCII character; only the rest need the Unicode-aware trim.
+bool isBlank(const std::string& text) {
+    for (const char c : text) {
+        const auto byte = static_cast<unsigned char>(c);
+        if (byte >= 0x80) break;
+        if (byte > 0x20 && byte != 0x7f) return false;
+    }
+    return trimWhitespaceAndNewlines(text).empty();
+}
+
 const std::string* detailString(const EventLogEvent& event, const char* key) {
     const JSONValue* value = event.detail.member(key);
     return value ? value->stringIfAny() : nullptr;
@@ -80,7 +124,7 @@ bool hasRole(const EventLogEvent& event, std::string_view role) {
 }
 bool hasText(const EventLogEvent& event) {
     const std::string* text = detailString(event, "text");
-    return text && !trimWhitespaceAndNewlines(*text).empty();
+    return text && !isBlank(*text);
 }
 
 // The system's own window tells nothing about the person. Few app names recur, so each is decided once.
@@ -134,8 +178,8 @@ void stateChangeLines(std::span<const TimedTick> ticks, SelfObservation& selfObs
             continue;
         }
         if (run) out[run->line].text += heldSuffix(run->samples, run->firstMs, run->lastMs);
-        std::string text = "at " + formatTime(timed.ms) + " the classifier moved to " + *tick.state;
-        if (tick.reason && !trimWhitespaceAndNewlines(*tick.reason).empty())
+        std::string text = "at " + timeText(timed.ms) + " the classifier moved to " + *tick.state;
+        if (tick.reason && !isBlank(*tick.reason))
             text += ", saying: " + GateScreenText::quoted(*tick.reason, ScreenText::reasonCap);
         out.push_back({timed.ms, std::move(text)});
         run = Run{*tick.state, timed.ms, timed.ms, 1, out.size() - 1};
@@ -144,11 +188,14 @@ void stateChangeLines(std::span<const TimedTick> ticks, SelfObservation& selfObs
 
 void declaredTaskLines(std::span<const TimedTick> ticks, std::vector<Line>& out) {
     std::string last;
+    const std::string* lastSeen = nullptr;  // the same text as the tick before needs no trim
     for (const TimedTick& timed : ticks) {
         if (!timed.tick->declaredTask) continue;
+        if (lastSeen && *lastSeen == *timed.tick->declaredTask) continue;
+        lastSeen = &*timed.tick->declaredTask;
         std::string task = trimWhitespaceAndNewlines(*timed.tick->declaredTask);
         if (task.empty() || task == last) continue;
-        out.push_back({timed.ms, "at " + formatTime(timed.ms) + " their declared task became: \"" + task + "\""});
+        out.push_back({timed.ms, "at " + timeText(timed.ms) + " their declared task became: \"" + task + "\""});
         last = std::move(task);
     }
 }
@@ -158,7 +205,7 @@ std::string nearestPrecedingReason(int64_t ms, std::span<const TimedTick> ticks)
                                [](int64_t value, const TimedTick& timed) { return value < timed.ms; });
     while (it != ticks.begin()) {
         --it;
-        if (it->tick->reason && !trimWhitespaceAndNewlines(*it->tick->reason).empty())
+        if (it->tick->reason && !isBlank(*it->tick->reason))
             return "the classifier had said: " + GateScreenText::quoted(*it->tick->reason, ScreenText::reasonCap);
     }
     return "no classifier context was available";
@@ -193,7 +240,7 @@ void conversationLines(std::span<const EventLogEvent> events, std::span<const Ti
         const EventLogEvent& event = events[i];
         if (!isChat(event) || !hasText(event)) continue;
         const std::string& text = *detailString(event, "text");
-        const std::string at = formatTime(event.tsMs);
+        const std::string at = timeText(event.tsMs);
         if (hasRole(event, "user")) {
             if (!answers.contains(i)) out.push_back({event.tsMs, "at " + at + " they said: " + quotedUserText(text)});
             continue;
@@ -237,8 +284,15 @@ std::string minutesText(double minutes) {
 
 }  // namespace
 
-std::string formatTime(int64_t ms) { return formatted(ms, u"H:mm"); }
-std::string formatDateTime(int64_t ms) { return formatted(ms, u"MMM d, H:mm"); }
+std::string formatTime(int64_t ms) {
+    followDefaultZone();
+    return timeText(ms);
+}
+
+std::string formatDateTime(int64_t ms) {
+    followDefaultZone();
+    return dateTimeText(ms);
+}
 
 int64_t effectiveStart(int64_t floorMs, int64_t nowMs, double boundHours) {
     return std::max(floorMs, nowMs - static_cast<int64_t>(boundHours * 3'600'000.0));
@@ -282,6 +336,7 @@ std::vector<Declaration> declarations(std::span<const EventLogEvent> events, int
 }
 
 std::vector<Line> declarationLines(std::span<const EventLogEvent> events, int64_t startMs, int64_t nowMs) {
+    followDefaultZone();
     std::vector<int64_t> boundaries;
     for (const EventLogEvent& event : events)
         if ((event.type == "task_declared" || event.type == "task_cleared") && event.tsMs <= nowMs)
@@ -301,30 +356,31 @@ std::vector<Line> declarationLines(std::span<const EventLogEvent> events, int64_
         std::string tail;
         if (declaration.horizonMinutes) {
             tail = ", giving themselves " + std::to_string(*declaration.horizonMinutes) + " minutes — until " +
-                   formatTime(declaration.tsMs + *declaration.horizonMinutes * 60'000);
+                   timeText(declaration.tsMs + *declaration.horizonMinutes * 60'000);
         } else if (declaration.legacyUntil && !declaration.legacyUntil->empty()) {
             tail = ", until " + *declaration.legacyUntil;
         } else {
             tail = ", with no time limit";
         }
-        const std::string at = beforeWindow ? formatDateTime(declaration.tsMs) : formatTime(declaration.tsMs);
+        const std::string at = beforeWindow ? dateTimeText(declaration.tsMs) : timeText(declaration.tsMs);
         out.push_back({declaration.tsMs, "at " + at + " they declared: " + quotedUserText(declaration.notes) + tail});
     }
     for (const Declaration& declaration : all) {
         if (!declaration.horizonMinutes) continue;
         const int64_t endMs = declaration.tsMs + *declaration.horizonMinutes * 60'000;
         if (endMs < startMs || endMs > nowMs || replacedBy(declaration.tsMs, endMs)) continue;
-        out.push_back({endMs, "at " + formatTime(endMs) + " the " + std::to_string(*declaration.horizonMinutes) +
-                                  " minutes they gave themselves at " + formatTime(declaration.tsMs) + " for " +
+        out.push_back({endMs, "at " + timeText(endMs) + " the " + std::to_string(*declaration.horizonMinutes) +
+                                  " minutes they gave themselves at " + timeText(declaration.tsMs) + " for " +
                                   quotedUserText(declaration.notes) + " ran out"});
     }
     for (const EventLogEvent& event : events)
         if (event.type == "task_cleared" && event.tsMs >= startMs && event.tsMs <= nowMs)
-            out.push_back({event.tsMs, "at " + formatTime(event.tsMs) + " they cleared their declared task"});
+            out.push_back({event.tsMs, "at " + timeText(event.tsMs) + " they cleared their declared task"});
     return out;
 }
 
 std::vector<Line> lines(std::span<const EventLogEvent> events, std::span<const TimedTick> ticks, Window window) {
+    followDefaultZone();
     std::vector<Line> out;
     SelfObservation selfObserved;
     stateChangeLines(ticks, selfObserved, out);
@@ -343,6 +399,7 @@ std::vector<Line> lines(const std::vector<EventLogEvent>& events, const std::vec
 }
 
 std::optional<std::string> currentObservationLine(std::span<const TimedTick> ticks) {
+    followDefaultZone();
     if (ticks.empty() || !ticks.back().tick->state) return std::nullopt;
     SelfObservation selfObserved;
     const TimedTick& newest = ticks.back();
@@ -352,11 +409,11 @@ std::optional<std::string> currentObservationLine(std::span<const TimedTick> tic
     if (unjudged(tick)) {
         int64_t since = newest.ms;
         for (size_t i = ticks.size(); i-- > 0 && unjudged(*ticks[i].tick);) since = ticks[i].ms;
-        std::string line = "the classifier has no observation as of " + formatTime(newest.ms) +
+        std::string line = "the classifier has no observation as of " + timeText(newest.ms) +
                            ": Merl's own window was frontmost, which says nothing about what they are doing, so "
                            "it did not judge";
         if (since < newest.ms)
-            line += " (since " + formatTime(since) + ", " + wholeMinutes(newest.ms - since) + " minutes)";
+            line += " (since " + timeText(since) + ", " + wholeMinutes(newest.ms - since) + " minutes)";
         return line;
     }
 
@@ -368,9 +425,9 @@ std::optional<std::string> currentObservationLine(std::span<const TimedTick> tic
         if (*earlier.state != *tick.state) break;
         since = ticks[i].ms;
     }
-    std::string line = "the classifier's latest observation is from " + formatTime(newest.ms) + ": " + *tick.state;
+    std::string line = "the classifier's latest observation is from " + timeText(newest.ms) + ": " + *tick.state;
     if (since < newest.ms)
-        line += ", unchanged since " + formatTime(since) + " (" + wholeMinutes(newest.ms - since) + " minutes)";
+        line += ", unchanged since " + timeText(since) + " (" + wholeMinutes(newest.ms - since) + " minutes)";
     if (const auto app = trimmedNonEmpty(tick.frontmostApp)) {
         line += ", " + *app;
         if (const auto title = trimmedNonEmpty(tick.frontmostWindowTitle))
@@ -378,16 +435,17 @@ std::optional<std::string> currentObservationLine(std::span<const TimedTick> tic
         else
             line += " frontmost";
     }
-    if (tick.reason && !trimWhitespaceAndNewlines(*tick.reason).empty())
+    if (tick.reason && !isBlank(*tick.reason))
         line += ", saying: " + GateScreenText::quoted(*tick.reason, ScreenText::reasonCap);
     return line;
 }
 
 std::optional<std::string> captureWindowLine(const CaptureWindowSummary& summary) {
+    followDefaultZone();
     const auto frontmost = trimmedNonEmpty(summary.frontmostNow);
     if (summary.appShares.empty() && !frontmost) return std::nullopt;
     std::string line = "raw capture (a sample every 1.5s, independent of the classifier), top 6 apps over the " +
-                       std::to_string(summary.windowMinutes) + " minutes to " + formatTime(summary.asOfMs) + ":";
+                       std::to_string(summary.windowMinutes) + " minutes to " + timeText(summary.asOfMs) + ":";
     if (summary.appShares.empty()) {
         line += " no app recorded";
     } else {
@@ -395,7 +453,7 @@ std::optional<std::string> captureWindowLine(const CaptureWindowSummary& summary
         for (const AppShare& share : summary.appShares) shares.push_back(share.app + " " + minutesText(share.minutes) + " min");
         line += " " + join(shares, ", ");
     }
-    if (frontmost) line += "; frontmost at " + formatTime(summary.asOfMs) + " is " + *frontmost;
+    if (frontmost) line += "; frontmost at " + timeText(summary.asOfMs) + " is " + *frontmost;
     return line;
 }
 

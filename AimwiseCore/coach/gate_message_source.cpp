@@ -176,6 +176,7 @@ std::optional<CaptureWindowSummary> GateMessageSource::capture(int64_t nowMs, in
 GateMessageSource::Built GateMessageSource::build(int64_t nowMs, const Environment& environment,
                                                   const Settings& settings) {
     refreshSmallFiles();
+    // A request to forget also bounds the timeline: nothing from before it is shown again.
     const int64_t floorMs = wipeAtMs_.value.value_or(0);
     const CoachGateTimeline::Window window{
         CoachGateTimeline::stableStart(floorMs, nowMs, settings.boundHours, settings.startStep), nowMs};
