@@ -25,7 +25,7 @@ constexpr const char* neverGuess =
 constexpr const char* horizonDescription =
     R"PROMPT(how long they said it would take, in minutes, taken from THEIR words anywhere in this conversation. If `estimate_minutes` is set in your context, carry it here when this is the same work rather than asking them to repeat themselves. Pass null ONLY if they genuinely never gave one — never guess a number they didn't say.)PROMPT";
 
-ToolSpec spec(std::string_view lead, std::string_view notesSentence, const char* notesDescription) {
+ToolSpec toolWith(std::string_view lead, std::string_view notesSentence, const char* notesDescription) {
     JSONValue::Object properties{
         {"notes", JSONValue::Object{{"type", "string"}, {"description", notesDescription}}},
         {"horizon_minutes",
@@ -43,12 +43,12 @@ std::string writeCurrentIntentionDescription(std::string_view lead, std::string_
 }
 
 const ToolSpec& writeCurrentIntentionTool() {
-    static const ToolSpec tool = spec(onlineLead, onlineNotesSentence, onlineNotesDescription);
+    static const ToolSpec tool = toolWith(onlineLead, onlineNotesSentence, onlineNotesDescription);
     return tool;
 }
 
 const ToolSpec& writeCurrentIntentionToolLocal() {
-    static const ToolSpec tool = spec(localLead, localNotesSentence, localNotesDescription);
+    static const ToolSpec tool = toolWith(localLead, localNotesSentence, localNotesDescription);
     return tool;
 }
 
