@@ -1,0 +1,89 @@
+#include "agents/aimwise/memory_verb.h"
+
+#include <algorithm>
+#include <cstdio>
+
+#include "AimwiseCore/coach/coach_gate_timeline.h"
+#include "AimwiseCore/memory/memory_wipe.h"
+#include "CaptureShared/dataroot/data_paths.h"
+
+namespace aimwise::MemoryVerb {
+
+namespace {
+
+using CoachGateTimeline::formatDateTime;
+
+std::string plural(size_t count, const std::string& noun) {
+    return std::to_string(count) + " " + noun + (count == 1 ? "" : "s");
+}
+
+std::string provenance(const MemoryFact& fact) {
+    std::string how = fact.provenance == MemoryFactProvenance::asserted ? "they said so" : "inferred from a pattern";
+    const auto& sources = fact.sourceEventTsMs;
+    if (sources.size() == 1) return how + "; from the log at " + formatDateTime(sources.front());
+    if (sources.size() > 1) {
+        const auto [first, last] = std::minmax_element(sources.begin(), sources.end());
+        how += "; from " + plural(sources.size(), "log line") + ", " + formatDateTime(*first) + " to " +
+               formatDateTime(*last);
+    }
+    return how;
+}
+
+template <typename Item, typename Line>
+void section(std::string& out, const char* title, const std::vector<Item>& items, Line&& line) {
+    out += std::string("\n") + title + ":\n";
+    if (items.empty()) out += "  none\n";
+    for (const Item& item : items) out += "  - " + line(item) + "\n";
+}
+
+}  // namespace
+
+std::string render(const MemoryStore::StandingMemoryRead& read, std::optional<int64_t> wipeAtMs,
+                   const std::filesystem::path& file) {
+    if (read.state == MemoryStore::FileState::absent)
+        return "There is no standing memory yet. The nightly pass makes one from the days' logs.\n";
+    if (!read.memory)
+        return "The standing memory at " + file.string() +
+               " could not be read, so the coach goes on without it until the next nightly pass replaces it. "
+               "Nothing was changed.\n";
+    if (!MemoryWipeFilter::standingMemory(read.memory, wipeAtMs))
+        return "The standing memory was made on " + formatDateTime(read.memory->regeneratedAtTsMs) +
+               ", before you asked to forget on " + formatDateTime(*wipeAtMs) +
+               ", so the coach does not use it. The next nightly pass makes a new one from what came after.\n";
+
+    const StandingMemory& memory = *read.memory;
+    std::string out = "Standing memory, made " + formatDateTime(memory.regeneratedAtTsMs) + " from " +
+                      plural(static_cast<size_t>(std::max<int64_t>(memory.digestCount, 0)), "period digest") + ".\n";
+    if (memory.salvaged)
+        out += "The nightly pass could not organise it" +
+               (memory.salvageDetail ? " (" + *memory.salvageDetail + ")" : std::string()) +
+               ", so every candidate was kept as it came.\n";
+    section(out, "Threads", memory.threads, [](const MemoryThread& thread) {
+        return thread.name + " (" + std::string(rawValue(thread.status)) + ")" +
+               (thread.notes.empty() ? "" : ": " + thread.notes);
+    });
+    section(out, "Facts", memory.facts,
+            [](const MemoryFact& fact) { return fact.text + " (" + provenance(fact) + ")"; });
+    section(out, "Lessons", memory.lessons, [](const std::string& lesson) { return lesson; });
+    return out;
+}
+
+int run(const std::vector<std::string>& arguments) {
+    if (!arguments.empty()) {
+        std::fprintf(stderr, "aimwise: memory takes no arguments\n");
+        return 2;
+    }
+    if (!DataPaths::isDataRootAvailable()) {
+        std::fprintf(stderr, "FAIL: %s — nothing was read. Run `aimwise init PATH` first.\n",
+                     DataPaths::dataRootUnavailableReason().value_or("the data root is not available").c_str());
+        return 1;
+    }
+    const auto root = DataPaths::dataRoot();
+    const std::string text = render(MemoryStore::inspectStandingMemory(root),
+                                    MemoryWipeLog::latestAtMs(MemoryWipeLog::defaultURL(root)),
+                                    MemoryStore::standingMemoryPath(root));
+    std::fwrite(text.data(), 1, text.size(), stdout);
+    return 0;
+}
+
+}  // namespace aimwise::MemoryVerb
