@@ -1,0 +1,81 @@
+#pragma once
+// What the front window showed at a past instant, read again from the screen recording: the frame
+// nearest the instant, cut to the window's recorded bounds, through the same text recognition as a
+// live judgment. Replay uses it so that a scored point sees what the classifier would have seen.
+#include <cstdint>
+#include <filesystem>
+#include <memory>
+#include <string>
+#include <variant>
+
+#include "CaptureShared/common/clock.h"
+#include "CaptureShared/common/error.h"
+#include "platform/screen_rect.h"
+
+namespace aimwise {
+
+class SignalsReader;
+
+class FrameArchiveError : public Error {
+public:
+    using Error::Error;
+};
+
+// The recorded screen of one display, frame by frame.
+class FrameArchive {
+public:
+    struct Located {
+        std::filesystem::path file;  // the sealed recording that holds the frame
+        int64_t frameIndex = 0;
+        int64_t frameAtMs = 0;
+        bool operator==(const Located&) const = default;
+    };
+    struct NoFrameNear {
+        bool operator==(const NoFrameNear&) const = default;
+    };
+    // Older than the sidecar columns that tie frames to times: no frame can be found for it.
+    struct PredatesSidecar {
+        bool operator==(const PredatesSidecar&) const = default;
+    };
+    using Lookup = std::variant<Located, NoFrameNear, PredatesSidecar>;
+
+    virtual ~FrameArchive() = default;
+    // The frame nearest `tsMs`, at most `searchLimitMs` away.
+    virtual Lookup nearest(int display, int64_t tsMs, int64_t searchLimitMs) const = 0;
+    // The part of the frame under `crop`, in screen points, written to `destination` as PNG.
+    // Throws FrameArchiveError.
+    virtual void writeCrop(int display, const Located& frame, const ScreenRect& crop,
+                           const std::filesystem::path& destination, double timeoutSec) const = 0;
+
+    // The recording kept in the data root.
+    static std::unique_ptr<FrameArchive> forDataRoot(const std::filesystem::path& dataRoot);
+};
+
+namespace HistoricalWindowContent {
+
+// The display whose recording holds the front window.
+inline constexpr int primaryDisplay = 1;
+
+enum class Failure { noRecordedWindowBounds, noSidecarFrameNearby, unsupportedEra, extractionFailed };
+
+struct Config {
+    int64_t searchLimitMs = 1'800'000;
+    double timeoutSec = 60.0;
+};
+
+struct Sighted {
+    std::string ocrText;
+    int64_t frameAtMs = 0;
+};
+struct Blind {
+    Failure failure;
+    std::string detail;
+};
+using Outcome = std::variant<Sighted, Blind>;
+
+// Throws SignalsReaderError; every other problem is a Blind outcome.
+Outcome reconstructDetailed(const SignalsReader& signals, int64_t tsMs, const std::string& ownerName, int display,
+                            const Config& config, const FrameArchive& archive, const Clock& clock = Clock::system());
+
+}  // namespace HistoricalWindowContent
+}  // namespace aimwise
