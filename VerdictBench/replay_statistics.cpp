@@ -19,7 +19,11 @@ std::optional<Interval> wilson95(int successes, int total) {
     const double denominator = 1 + zSquared / n;
     const double centre = p + zSquared / (2 * n);
     const double margin = 1.96 * std::sqrt(zSquared / (4 * n * n) + p * (1 - p) / n);
-    return Interval{std::max(0.0, (centre - margin) / denominator), std::min(1.0, (centre + margin) / denominator)};
+    Interval interval{std::max(0.0, (centre - margin) / denominator), std::min(1.0, (centre + margin) / denominator)};
+    // At no and at all successes the bound is exactly 0 or 1; rounding leaves it a hair inside.
+    if (successes <= 0) interval.lower = 0;
+    if (successes >= total) interval.upper = 1;
+    return interval;
 }
 
 std::string formatCI(const std::optional<Interval>& interval) {

@@ -14,9 +14,6 @@ namespace aimwise {
 
 namespace {
 
-// A live review and a replay may hold the file at the same moment; a writer waits this long.
-constexpr int busyTimeoutMs = 3000;
-
 std::string prefix(LabelsWriterError::Kind kind) {
     using Kind = LabelsWriterError::Kind;
     switch (kind) {
@@ -94,7 +91,8 @@ bool LabelsWriter::isAccepted(std::string_view label) {
 
 void LabelsWriter::Close::operator()(sqlite3* db) const { sqlite3_close_v2(db); }
 
-LabelsWriter::LabelsWriter(std::filesystem::path path) : path_(std::move(path)) {}
+LabelsWriter::LabelsWriter(std::filesystem::path path, int busyTimeoutMs)
+    : path_(std::move(path)), busyTimeoutMs_(busyTimeoutMs) {}
 LabelsWriter::~LabelsWriter() = default;
 LabelsWriter::LabelsWriter(LabelsWriter&&) noexcept = default;
 LabelsWriter& LabelsWriter::operator=(LabelsWriter&&) noexcept = default;
@@ -105,7 +103,7 @@ void LabelsWriter::openIfNeeded() {
     const int opened = sqlite3_open_v2(path_.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     std::unique_ptr<sqlite3, Close> db(raw);
     if (opened != SQLITE_OK) throw LabelsWriterError(LabelsWriterError::Kind::openFailed, databaseMessage(raw));
-    sqlite3_busy_timeout(raw, busyTimeoutMs);
+    sqlite3_busy_timeout(raw, busyTimeoutMs_);
     auto exec = [&](const std::string& sql) {
         if (sqlite3_exec(raw, sql.c_str(), nullptr, nullptr, nullptr) != SQLITE_OK)
             throw LabelsWriterError(LabelsWriterError::Kind::openFailed, databaseMessage(raw));

@@ -55,8 +55,11 @@ public:
     static constexpr std::array<std::pair<std::string_view, std::string_view>, 3> addedColumns = {
         {{"source", "TEXT"}, {"answered_blind", "INTEGER"}, {"user_note", "TEXT"}}};
 
+    // A live review and a replay may hold the file at the same moment; a writer waits this long.
+    static constexpr int defaultBusyTimeoutMs = 3000;
+
     // Nothing is opened until the first insert.
-    explicit LabelsWriter(std::filesystem::path path);
+    explicit LabelsWriter(std::filesystem::path path, int busyTimeoutMs = defaultBusyTimeoutMs);
     ~LabelsWriter();
     LabelsWriter(LabelsWriter&&) noexcept;
     LabelsWriter& operator=(LabelsWriter&&) noexcept;
@@ -74,6 +77,7 @@ private:
     void openIfNeeded();
 
     std::filesystem::path path_;
+    int busyTimeoutMs_;
     std::unique_ptr<sqlite3, Close> db_;
 };
 
