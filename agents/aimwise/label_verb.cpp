@@ -488,7 +488,8 @@ int review(int count, std::istream& in, std::FILE* out, const Clock& clock) {
     for (size_t i = 0; i < moments.size() && next == Session::Next::goOn; ++i)
         next = session.moment(moments[i], static_cast<int>(i + 1), static_cast<int>(moments.size()));
 
-    std::string summary = fmt::format("\nSaved {} answer{}", session.saved, session.saved == 1 ? "" : "s");
+    const int answers = session.saved + session.revised;
+    std::string summary = fmt::format("\nSaved {} answer{}", answers, answers == 1 ? "" : "s");
     std::vector<std::string> extras;
     if (session.revised) extras.push_back(fmt::format("{} revised after the reveal", session.revised));
     if (session.rated) extras.push_back(fmt::format("{} reason{} rated", session.rated, session.rated == 1 ? "" : "s"));
