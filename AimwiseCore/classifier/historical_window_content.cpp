@@ -3,6 +3,7 @@
 #include <algorithm>
 
 #include "AimwiseCore/classifier/window_content.h"
+#include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/signals/signals_reader.h"
 #include "platform/vision_text_recognizer.h"
@@ -14,10 +15,8 @@ namespace {
 // Until the recording is readable here, no instant has a frame.
 class UnrecordedArchive final : public FrameArchive {
 public:
-    Lookup nearest(int, int64_t, int64_t) const override { return NoFrameNear{}; }
-    void writeCrop(int, const Located&, const ScreenRect&, const std::filesystem::path&, double) const override {
-        throw FrameArchiveError("no recording is readable in this data root");
-    }
+    Frame frameNear(int, int64_t, int64_t, const ScreenRect&) const override { return NoFrameNear{}; }
+    bool hasFrameNear(int, int64_t, int64_t) const override { return false; }
 };
 
 }  // namespace
@@ -35,32 +34,33 @@ Outcome reconstructDetailed(const SignalsReader& signals, int64_t tsMs, const st
     if (!window || window->width <= 0 || window->height <= 0)
         return Blind{Failure::noRecordedWindowBounds, "no window of " + ownerName + " was recorded at that tick"};
 
-    const FrameArchive::Lookup lookup = archive.nearest(display, tsMs, config.searchLimitMs);
-    if (std::holds_alternative<FrameArchive::NoFrameNear>(lookup))
+    const FrameArchive::Frame frame = archive.frameNear(
+        display, tsMs, config.searchLimitMs, ScreenRect{window->x, window->y, window->width, window->height});
+    if (std::holds_alternative<FrameArchive::NoFrameNear>(frame))
         return Blind{Failure::noSidecarFrameNearby, "no recorded frame within the search limit"};
-    if (std::holds_alternative<FrameArchive::PredatesSidecar>(lookup))
+    if (std::holds_alternative<FrameArchive::PredatesSidecar>(frame))
         return Blind{Failure::unsupportedEra, "the moment predates the frame-index sidecar columns"};
-    const auto& frame = std::get<FrameArchive::Located>(lookup);
+    if (const auto* failed = std::get_if<FrameArchive::Failed>(&frame))
+        return Blind{Failure::extractionFailed, failed->reason};
+    const auto& image = std::get<FrameArchive::Image>(frame);
 
-    const auto remainingSec = [&] {
-        return std::max(0.0, config.timeoutSec - static_cast<double>(clock.monotonicMs() - startedMs) / 1000.0);
-    };
+    const double remainingSec =
+        std::max(0.0, config.timeoutSec - static_cast<double>(clock.monotonicMs() - startedMs) / 1000.0);
     try {
-        // The same private, self-removing file as a live screenshot.
-        const auto image = WindowContentReader::Screenshot::reserve(frame.frameAtMs);
-        archive.writeCrop(display, frame, ScreenRect{window->x, window->y, window->width, window->height},
-                          image.path(), remainingSec());
-        const auto result = VisionTextRecognizer::recognizeText(image.path(), remainingSec());
+        // The same private, self-removing file as a live screenshot; the helper reads images from files.
+        const auto file = WindowContentReader::Screenshot::reserve(image.frameAtMs);
+        writeFileAtomically(file.path(), image.png);
+        const auto result = VisionTextRecognizer::recognizeText(file.path(), remainingSec);
         if (const auto* failed = std::get_if<VisionTextRecognizer::Failed>(&result))
             return Blind{Failure::extractionFailed, failed->reason};
         const std::string& text = std::get<VisionTextRecognizer::Read>(result).text;
         if (trimWhitespaceAndNewlines(text).empty())
             return Blind{Failure::extractionFailed, "no text was recognised on the frame"};
-        return Sighted{text, frame.frameAtMs};
+        return Sighted{text, image.frameAtMs};
     } catch (const WindowContentReader::CaptureError& error) {
         return Blind{Failure::extractionFailed, error.description()};
-    } catch (const FrameArchiveError& error) {
-        return Blind{Failure::extractionFailed, error.description()};
+    } catch (const std::exception& error) {
+        return Blind{Failure::extractionFailed, error.what()};
     }
 }
 

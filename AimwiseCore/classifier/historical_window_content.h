@@ -9,43 +9,33 @@
 #include <variant>
 
 #include "CaptureShared/common/clock.h"
-#include "CaptureShared/common/error.h"
 #include "platform/screen_rect.h"
 
 namespace aimwise {
 
 class SignalsReader;
 
-class FrameArchiveError : public Error {
-public:
-    using Error::Error;
-};
-
-// The recorded screen of one display, frame by frame.
+// The recorded screen of each display, frame by frame.
 class FrameArchive {
 public:
-    struct Located {
-        std::filesystem::path file;  // the sealed recording that holds the frame
-        int64_t frameIndex = 0;
-        int64_t frameAtMs = 0;
-        bool operator==(const Located&) const = default;
+    struct Image {
+        std::string png;
+        int64_t frameAtMs = 0;  // when the frame was recorded
     };
-    struct NoFrameNear {
-        bool operator==(const NoFrameNear&) const = default;
-    };
+    struct NoFrameNear {};
     // Older than the sidecar columns that tie frames to times: no frame can be found for it.
-    struct PredatesSidecar {
-        bool operator==(const PredatesSidecar&) const = default;
+    struct PredatesSidecar {};
+    // The archive, its key or the decoder failed, or the rectangle lies outside the recording.
+    struct Failed {
+        std::string reason;
     };
-    using Lookup = std::variant<Located, NoFrameNear, PredatesSidecar>;
+    using Frame = std::variant<Image, NoFrameNear, PredatesSidecar, Failed>;
 
     virtual ~FrameArchive() = default;
-    // The frame nearest `tsMs`, at most `searchLimitMs` away.
-    virtual Lookup nearest(int display, int64_t tsMs, int64_t searchLimitMs) const = 0;
-    // The part of the frame under `crop`, in screen points, written to `destination` as PNG.
-    // Throws FrameArchiveError.
-    virtual void writeCrop(int display, const Located& frame, const ScreenRect& crop,
-                           const std::filesystem::path& destination, double timeoutSec) const = 0;
+    // The frame nearest `tsMs`, at most `searchLimitMs` away, cut to `crop` in screen points.
+    virtual Frame frameNear(int display, int64_t tsMs, int64_t searchLimitMs, const ScreenRect& crop) const = 0;
+    // Only whether there is one: no decoding.
+    virtual bool hasFrameNear(int display, int64_t tsMs, int64_t toleranceMs) const = 0;
 
     // The recording kept in the data root.
     static std::unique_ptr<FrameArchive> forDataRoot(const std::filesystem::path& dataRoot);

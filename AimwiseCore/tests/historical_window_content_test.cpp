@@ -20,23 +20,16 @@ constexpr int64_t T = 1'782'898'215'000;
 
 class FakeArchive final : public FrameArchive {
 public:
-    Lookup lookup = Located{"/video/display-1/a.mkv", 42, T - 500};
-    bool failWrite = false;
+    Frame frame = Image{"png bytes", T - 500};
     mutable std::vector<std::tuple<int, int64_t, int64_t>> asked;
     mutable std::optional<ScreenRect> cropped;
-    mutable fs::path written;
 
-    Lookup nearest(int display, int64_t tsMs, int64_t searchLimitMs) const override {
+    Frame frameNear(int display, int64_t tsMs, int64_t searchLimitMs, const ScreenRect& crop) const override {
         asked.emplace_back(display, tsMs, searchLimitMs);
-        return lookup;
-    }
-    void writeCrop(int, const Located& frame, const ScreenRect& crop, const fs::path& destination,
-                   double) const override {
-        if (failWrite) throw FrameArchiveError("frame 42 did not decode");
         cropped = crop;
-        written = destination;
-        testing::writeFile(destination, "png of frame " + std::to_string(frame.frameIndex));
+        return frame;
     }
+    bool hasFrameNear(int, int64_t, int64_t) const override { return true; }
 };
 
 class HistoricalWindowContentTest : public ::testing::Test {
@@ -44,7 +37,9 @@ protected:
     HistoricalWindowContentTest() : fixture(dir / "signals.sqlite") {
         fixture.tick({.tsMs = T, .frontmostApp = "Editor"});
         fixture.window({.tsMs = T, .ownerName = "Editor", .title = "notes.txt", .x = 10, .y = 20, .width = 640, .height = 480});
-        useHelper("printf 'Weekly plan\\nCall the dentist\\n'");
+        // The helper copies the image it is given aside, to show what it read and that it was private.
+    useHelper("cp \"$1\" " + (dir / "seen.png").string() + "; printf %s \"$1\" >" + (dir / "seen-path").string() +
+              "; printf 'Weekly plan\\nCall the dentist\\n'");
     }
     // The OCR helper is a script, so the test needs no image.
     void useHelper(const std::string& body) {
@@ -77,22 +72,23 @@ TEST_F(HistoricalWindowContentTest, ReadsTheFrameCutToTheRecordedWindowAndLeaves
     EXPECT_EQ(sighted->frameAtMs, T - 500);
     EXPECT_EQ(archive.asked, (std::vector<std::tuple<int, int64_t, int64_t>>{{1, T, 1'800'000}}));
     EXPECT_EQ(archive.cropped, (ScreenRect{10, 20, 640, 480}));
-    EXPECT_FALSE(fs::exists(archive.written));
+    EXPECT_EQ(testing::readFile(dir / "seen.png"), "png bytes");
+    EXPECT_FALSE(fs::exists(testing::readFile(dir / "seen-path")));
+    EXPECT_EQ(fs::status(dir / "seen.png").permissions() & fs::perms::all, fs::perms::owner_read | fs::perms::owner_write);
 }
 
 TEST_F(HistoricalWindowContentTest, EachFailureHasItsClass) {
     EXPECT_EQ(failure(reconstruct("Mail")), Failure::noRecordedWindowBounds);
     EXPECT_TRUE(archive.asked.empty());
 
-    archive.lookup = FrameArchive::NoFrameNear{};
+    archive.frame = FrameArchive::NoFrameNear{};
     EXPECT_EQ(failure(reconstruct()), Failure::noSidecarFrameNearby);
-    archive.lookup = FrameArchive::PredatesSidecar{};
+    archive.frame = FrameArchive::PredatesSidecar{};
     EXPECT_EQ(failure(reconstruct()), Failure::unsupportedEra);
-
-    archive.lookup = FrameArchive::Located{"a.mkv", 1, T};
-    archive.failWrite = true;
+    archive.frame = FrameArchive::Failed{"frame 42 did not decode"};
     EXPECT_EQ(failure(reconstruct()), Failure::extractionFailed);
-    archive.failWrite = false;
+
+    archive.frame = FrameArchive::Image{"png", T};
     for (const char* helper : {"exit 4", "printf '  \\n'", "sleep 30"}) {
         useHelper(helper);
         const SignalsReader reader = SignalsReader::open(dir / "signals.sqlite");

@@ -189,6 +189,10 @@ TEST_F(ReplayVerb, AHelperWithoutAnAnswerDropsThePointFromThePairedDenominator) 
                        "FM confusion (gt->pred):\n  (note:"),
               std::string::npos)
         << out;
+    // The shipped helper with no second model named.
+    local.enqueue(chatPath, Reply::json(200, verdict("ON_TASK")));
+    const auto unnamed = run({"2", "--paired-fm"}, {{"AIMCAP_FM_JUDGE_MODEL", " "}});
+    EXPECT_NE(unnamed.standardOutput.find("OK | fm=FAILED(not_configured)\n"), std::string::npos) << unnamed.standardOutput;
 }
 
 TEST_F(ReplayVerb, SettledScoresTheRevisionAndBadArgumentsFailPlainly) {

@@ -196,8 +196,7 @@ void Session::show(const Moment& moment) {
 }
 
 bool Session::offerClip(const Moment& moment) {
-    return std::holds_alternative<FrameArchive::Located>(
-        sources_.archive->nearest(HistoricalWindowContent::primaryDisplay, moment.atMs, frameToleranceMs));
+    return sources_.archive->hasFrameNear(HistoricalWindowContent::primaryDisplay, moment.atMs, frameToleranceMs);
 }
 
 // The ramp verb writes the clip of the hour before the moment and says where; the clip is then
