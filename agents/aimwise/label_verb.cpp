@@ -208,7 +208,11 @@ void Session::openClip(const Moment& moment) {
     } catch (const ExecutablePathError&) {
     }
     say("  Making the review clip of the hour before this moment…\n");
-    const auto outcome = BoundedProcess::run(tool.string(), {"ramp", IsoDate::format(moment.atMs)}, rampTimeoutSec);
+    const auto outcome =
+        BoundedProcess::run(tool.string(),
+                            {"ramp", IsoDate::format(moment.atMs), "--display",
+                             std::to_string(HistoricalWindowContent::primaryDisplay), "--bridge"},
+                            rampTimeoutSec);
     const auto* finished = std::get_if<BoundedProcess::Finished>(&outcome);
     if (!finished || !finished->succeeded()) {
         const std::string why = finished ? trimWhitespaceAndNewlines(finished->standardError) : "";
