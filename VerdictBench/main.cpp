@@ -21,7 +21,10 @@ struct Verb {
 // Compared as exact, case-sensitive text, in this order.
 constexpr Verb verbTable[] = {
     {"judge", aimwise::verbs::runJudge},
+    {"replay", aimwise::verbs::runReplay},
     {"prompt", aimwise::verbs::runPrompt},
+    {"shadow", aimwise::verbs::runShadow},
+    {"shadow-compare", aimwise::verbs::runShadowCompare},
     {"tick", aimwise::verbs::runTickVerb},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
     {"estimate-selftest", aimwise::verbs::runEstimateSelftest},

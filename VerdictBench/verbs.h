@@ -12,5 +12,8 @@ int runOcrSelftest(const cli::Invocation& invocation);
 int runPyReprSelftest(const cli::Invocation& invocation);
 int runIntegrity(const cli::Invocation& invocation);
 int runStaleness(const cli::Invocation& invocation);
+int runReplay(const cli::Invocation& invocation);
+int runShadow(const cli::Invocation& invocation);
+int runShadowCompare(const cli::Invocation& invocation);
 
 }  // namespace aimwise::verbs

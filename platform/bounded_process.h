@@ -36,10 +36,13 @@ struct Options {
     size_t outputLimitBytes = 4u << 20;
     // Between the polite SIGTERM and SIGKILL.
     double terminateGraceSec = 0.5;
+    // Written to the child's standard input, which is then closed; the null device when absent.
+    std::optional<std::string> standardInput;
 };
 
-// `executable` with a slash is a path; without one it is looked up in PATH. Standard input is the
-// null device; the child runs in a process group of its own so that its children are stopped with it.
+// `executable` with a slash is a path; without one it is looked up in PATH. Standard input is
+// `options.standardInput` or the null device; the child runs in a process group of its own so that
+// its children are stopped with it.
 Outcome run(const std::string& executable, const std::vector<std::string>& arguments, double timeoutSec,
             const Options& options = {});
 

@@ -73,6 +73,9 @@ const std::set<std::string>& allowedKeys() {
         "AIMCAP_LOCAL_INFERENCE_ENDPOINT",
         "AIMCAP_COACH_BATTERY_MODE",
         "AIMCAP_CALL_PAUSE",
+        "AIMCAP_FM_JUDGE_BIN",
+        "AIMCAP_FM_JUDGE_ENDPOINT",
+        "AIMCAP_FM_JUDGE_MODEL",
     };
     return keys;
 }

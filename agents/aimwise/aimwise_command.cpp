@@ -24,6 +24,7 @@
 #include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/staleness/recording_pause.h"
 #include "CaptureShared/staleness/signals_staleness.h"
+#include "agents/aimwise/label_verb.h"
 #include "agents/aimwise/memory_verb.h"
 #include "agents/services/user_services.h"
 
@@ -38,6 +39,7 @@ const char* const usageText =
     "  status                                 task, newest verdict, signals and model at a glance\n"
     "  memory                                 what the coach remembers about you, and where it came from\n"
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
+    "  label [--count N] | label --stats      say what you were really doing at judged moments\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"
     "  uninstall-services                     stop, disable and remove them\n";
 
@@ -303,6 +305,7 @@ int run(const std::vector<std::string>& arguments) {
     if (command == "status") return rest.empty() ? runStatus() : usage("status takes no arguments");
     if (command == "init") return runInit(rest);
     if (command == "memory") return MemoryVerb::run(rest);
+    if (command == "label") return LabelVerb::run(rest);
     if (command == "install-services") {
         if (rest.size() > 1 || (rest.size() == 1 && rest.front() != "--no-start"))
             return usage("install-services takes only --no-start");

@@ -4,6 +4,7 @@
 #include <poll.h>
 #include <signal.h>
 #include <spawn.h>
+#include <sys/socket.h>
 #include <sys/stat.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -90,11 +91,35 @@ void reapBlocking(pid_t pid, int& status) {
     }
 }
 
-void waitForOutput(Stream& out, Stream& err, int timeoutMs) {
-    pollfd fds[2];
+// What is left of the child's standard input. A socket rather than a pipe, so that a child that
+// exits without reading costs an error code instead of SIGPIPE.
+struct Input {
+    Fd fd;
+    std::string bytes;
+    size_t written = 0;
+};
+
+void feed(Input& input) {
+    while (input.fd.get() >= 0 && input.written < input.bytes.size()) {
+        const ssize_t n = ::send(input.fd.get(), input.bytes.data() + input.written, input.bytes.size() - input.written,
+                                 MSG_NOSIGNAL | MSG_DONTWAIT);
+        if (n > 0) {
+            input.written += static_cast<size_t>(n);
+            continue;
+        }
+        if (n < 0 && errno == EINTR) continue;
+        if (n < 0 && (errno == EAGAIN || errno == EWOULDBLOCK)) return;
+        break;
+    }
+    input.fd.reset();  // all written, or the child stopped reading: either way it sees the end
+}
+
+void waitForOutput(Stream& out, Stream& err, int timeoutMs, const Input* input = nullptr) {
+    pollfd fds[3];
     nfds_t count = 0;
     for (Stream* s : {&out, &err})
         if (s->fd.get() >= 0) fds[count++] = pollfd{s->fd.get(), POLLIN, 0};
+    if (input && input->fd.get() >= 0) fds[count++] = pollfd{input->fd.get(), POLLOUT, 0};
     if (count == 0) {
         std::this_thread::sleep_for(std::chrono::milliseconds(timeoutMs));
         return;
@@ -144,9 +169,24 @@ Outcome run(const std::string& executable, const std::vector<std::string>& argum
     // The child's ends must block: a tool writing to a non-blocking stdout could lose output.
     for (int fd : {outWrite.get(), errWrite.get()}) ::fcntl(fd, F_SETFL, ::fcntl(fd, F_GETFL) & ~O_NONBLOCK);
 
+    Input input;
+    Fd inputRead;
+    if (options.standardInput) {
+        int pair[2];
+        if (::socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair) != 0)
+            return LaunchFailed{"socketpair: " + errnoText(errno)};
+        input.fd.reset(pair[0]);
+        inputRead.reset(pair[1]);
+        ::shutdown(pair[1], SHUT_WR);
+        input.bytes = *options.standardInput;
+    }
+
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
+    if (options.standardInput)
+        posix_spawn_file_actions_adddup2(&actions, inputRead.get(), STDIN_FILENO);
+    else
+        posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
 
@@ -173,6 +213,7 @@ Outcome run(const std::string& executable, const std::vector<std::string>& argum
     posix_spawnattr_destroy(&attributes);
     outWrite.reset();
     errWrite.reset();
+    inputRead.reset();
     if (spawnError != 0) return LaunchFailed{fmt::format("could not start {}: {}", executable, errnoText(spawnError))};
 
     const auto timeout = std::chrono::duration_cast<Clock::duration>(
@@ -180,6 +221,7 @@ Outcome run(const std::string& executable, const std::vector<std::string>& argum
     const Clock::time_point deadline = Clock::now() + timeout;
     int status = 0;
     for (;;) {
+        feed(input);
         drain(out, options.outputLimitBytes);
         drain(err, options.outputLimitBytes);
         if (reapWithoutBlocking(pid, status)) {
@@ -191,9 +233,10 @@ Outcome run(const std::string& executable, const std::vector<std::string>& argum
         const Clock::time_point now = Clock::now();
         if (now >= deadline) break;
         const auto left = std::chrono::duration_cast<std::chrono::milliseconds>(deadline - now).count();
-        waitForOutput(out, err, static_cast<int>(std::clamp<long long>(left, 1, pollIntervalMs)));
+        waitForOutput(out, err, static_cast<int>(std::clamp<long long>(left, 1, pollIntervalMs)), &input);
     }
 
+    input.fd.reset();
     ::kill(-pid, SIGTERM);
     const Clock::time_point graceEnd =
         Clock::now() + std::chrono::duration_cast<Clock::duration>(
