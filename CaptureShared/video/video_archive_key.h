@@ -26,7 +26,6 @@ private:
 };
 
 // The key of one generation, or a thrown aimwise::Error (the key store's KeyError) naming it.
-// Generation 0 stands for version 1 files, which carry no generation.
 using VideoArchiveKeyLookup = std::function<VideoArchiveKey(uint32_t generation)>;
 
 }  // namespace aimwise
