@@ -23,6 +23,7 @@ constexpr Verb verbTable[] = {
     {"judge", aimwise::verbs::runJudge},
     {"prompt", aimwise::verbs::runPrompt},
     {"tick", aimwise::verbs::runTickVerb},
+    {"ramp", aimwise::verbs::runRamp},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
     {"estimate-selftest", aimwise::verbs::runEstimateSelftest},
     {"ocr-selftest", aimwise::verbs::runOcrSelftest},

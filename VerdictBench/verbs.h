@@ -12,5 +12,6 @@ int runOcrSelftest(const cli::Invocation& invocation);
 int runPyReprSelftest(const cli::Invocation& invocation);
 int runIntegrity(const cli::Invocation& invocation);
 int runStaleness(const cli::Invocation& invocation);
+int runRamp(const cli::Invocation& invocation);
 
 }  // namespace aimwise::verbs

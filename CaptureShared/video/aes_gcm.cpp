@@ -72,7 +72,9 @@ AesGcm::AesGcm(const VideoArchiveKey& key) : key_(key) {
     if (!context_) throw VideoEncryptionError(VideoEncryptionError::Kind::sealingFailed, "no cipher context");
 }
 
-AesGcm::~AesGcm() { crypto().EVP_CIPHER_CTX_free_(cipherContext(context_)); }
+AesGcm::~AesGcm() {
+    if (context_) crypto().EVP_CIPHER_CTX_free_(cipherContext(context_));
+}
 
 void AesGcm::seal(const uint8_t* plaintext, size_t size, uint8_t* box) {
     const Crypto& c = crypto();

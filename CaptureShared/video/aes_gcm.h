@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <string>
+#include <utility>
 
 #include "CaptureShared/video/video_archive_key.h"
 
@@ -19,6 +20,7 @@ public:
     ~AesGcm();
     AesGcm(const AesGcm&) = delete;
     AesGcm& operator=(const AesGcm&) = delete;
+    AesGcm(AesGcm&& other) noexcept : context_(std::exchange(other.context_, nullptr)), key_(other.key_) {}
 
     // Seals `size` bytes into `box`, which has room for size + overhead, under a fresh random nonce.
     // Throws VideoEncryptionError (sealingFailed).
