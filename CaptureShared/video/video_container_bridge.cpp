@@ -6,11 +6,13 @@
 #include <cstring>
 #include <exception>
 #include <map>
+#include <set>
 #include <system_error>
 #include <thread>
 
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/video/ffmpeg_child.h"
+#include "CaptureShared/video/transport_stream.h"
 #include "CaptureShared/video/video_encryption_format.h"
 #include "CaptureShared/video/video_stream_decryptor.h"
 
@@ -87,11 +89,27 @@ private:
 };
 
 // Decodes the frames `holds` names (frame index to output frames) out of one sealed recording and
-// passes each to the encoder. Returns how many of them the recording could not give.
+// passes each to the encoder. Returns how many of them the recording could not give. A transport
+// stream is read twice: once, cheaply, for where its keyframes are, then to feed the decoder only the
+// stretches that lead up to the wanted frames.
 int decodeInto(Encoder& encoder, const fs::path& sealed, const std::map<int64_t, int>& holds, const ClipRequest& request,
                const VideoArchiveKeyLookup& keys) {
+    const int64_t lastWanted = holds.rbegin()->first;
+    TransportStream::Scanner scanner;
+    pumpPlaintext(sealed, keys, [&](std::string_view bytes) {
+        scanner.feed(bytes);
+        return scanner.index().usable && scanner.index().frames <= lastWanted;
+    });
+    std::optional<TransportStream::GopFilter> filter;
+    if (scanner.index().usable && !scanner.index().keyframes.empty()) {
+        std::set<int64_t> wanted;
+        for (const auto& entry : holds) wanted.insert(entry.first);
+        filter.emplace(scanner.index(), wanted);
+    }
     std::string select;
-    for (const auto& [index, hold] : holds) select += (select.empty() ? "" : "+") + ("eq(n\\," + std::to_string(index) + ")");
+    for (const auto& [index, hold] : holds)
+        select += (select.empty() ? "" : "+") +
+                  ("eq(n\\," + std::to_string(filter ? filter->passedIndex(index) : index) + ")");
     const std::string w = std::to_string(request.width), h = std::to_string(request.height);
     auto decoder = launch(request.ffmpeg,
                           {"-hide_banner", "-nostats", "-loglevel", "error", "-i", "pipe:0", "-an", "-vf",
@@ -103,7 +121,16 @@ int decodeInto(Encoder& encoder, const fs::path& sealed, const std::map<int64_t,
     std::exception_ptr pumpError;
     std::thread pump([&] {
         try {
-            pumpPlaintext(sealed, keys, decoder->input(), &stop);
+            if (!filter) {
+                pumpPlaintext(sealed, keys, decoder->input(), &stop);
+            } else {
+                std::string passed;
+                pumpPlaintext(sealed, keys, [&](std::string_view bytes) {
+                    passed.clear();
+                    const bool more = filter->feed(bytes, passed);
+                    return !stop && writeFully(decoder->input(), passed.data(), passed.size()) && more;
+                });
+            }
         } catch (...) {
             pumpError = std::current_exception();
         }
@@ -139,6 +166,14 @@ std::string ffmpegPath(const Environment& environment) {
 }
 
 PumpResult pumpPlaintext(const fs::path& sealed, const VideoArchiveKeyLookup& keys, int fd, const std::atomic<bool>* stop) {
+    return pumpPlaintext(sealed, keys, [&](std::string_view bytes) {
+        // A failed write means the reader has all it wants.
+        return !(stop && *stop) && writeFully(fd, bytes.data(), bytes.size());
+    });
+}
+
+PumpResult pumpPlaintext(const fs::path& sealed, const VideoArchiveKeyLookup& keys,
+                         const std::function<bool(std::string_view)>& sink) {
     std::error_code ec;
     if (!fs::is_regular_file(sealed, ec)) throw BridgeError("No video file at " + sealed.string());
     std::optional<VideoStreamDecryptor> decryptor;
@@ -150,7 +185,7 @@ PumpResult pumpPlaintext(const fs::path& sealed, const VideoArchiveKeyLookup& ke
         throw BridgeError("video archive key unavailable: " + error.description());
     }
     PumpResult result;
-    while (!(stop && *stop)) {
+    while (true) {
         std::optional<std::string> chunk;
         try {
             chunk = decryptor->readChunk();
@@ -162,9 +197,9 @@ PumpResult pumpPlaintext(const fs::path& sealed, const VideoArchiveKeyLookup& ke
         }
         if (!chunk) break;
         ++result.chunks;
-        const bool written = writeFully(fd, chunk->data(), chunk->size());
+        const bool more = sink(*chunk);
         ::explicit_bzero(chunk->data(), chunk->size());
-        if (!written) break;  // the reader has all it wants
+        if (!more) break;
     }
     return result;
 }

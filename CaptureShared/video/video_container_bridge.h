@@ -4,6 +4,7 @@
 #include <atomic>
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 
 #include "CaptureShared/common/environment.h"
@@ -32,12 +33,15 @@ struct PumpResult {
 // chunk that fails authentication.
 PumpResult pumpPlaintext(const std::filesystem::path& sealed, const VideoArchiveKeyLookup& keys, int fd,
                          const std::atomic<bool>* stop = nullptr);
+// The same into `sink`, which answers false to stop.
+PumpResult pumpPlaintext(const std::filesystem::path& sealed, const VideoArchiveKeyLookup& keys,
+                         const std::function<bool(std::string_view)>& sink);
 
 struct ClipRequest {
     int width = 1280, height = 720;  // even; frames of another size are scaled into it
     std::string ffmpeg;
-    // Standard error of the encoding ffmpeg is kept for messages; its speed setting, for benchmarks.
-    std::string encoderPreset = "veryfast";
+    // The encoder's speed: a clip is watched once, so a few more bytes are worth the seconds saved.
+    std::string encoderPreset = "ultrafast";
 };
 
 struct Clip {
