@@ -29,6 +29,8 @@ public:
     int input() const { return input_.get(); }
     int output() const { return output_.get(); }
     void closeInput() { input_.reset(); }
+    // For a writer thread that should close the input itself, whatever happens to this object.
+    FileDescriptor takeInput() { return std::move(input_); }
     // Waits for the end; true when it exited with status 0.
     bool wait();
     // What it wrote on standard error, its last few kilobytes, trimmed; "exit status N" when nothing.

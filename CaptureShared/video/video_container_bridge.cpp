@@ -119,23 +119,34 @@ int decodeInto(Encoder& encoder, const fs::path& sealed, const std::map<int64_t,
                           true);
     std::atomic<bool> stop{false};
     std::exception_ptr pumpError;
-    std::thread pump([&] {
+    std::thread pump([&, input = decoder->takeInput()]() mutable {
         try {
             if (!filter) {
-                pumpPlaintext(sealed, keys, decoder->input(), &stop);
+                pumpPlaintext(sealed, keys, input.get(), &stop);
             } else {
                 std::string passed;
                 pumpPlaintext(sealed, keys, [&](std::string_view bytes) {
                     passed.clear();
                     const bool more = filter->feed(bytes, passed);
-                    return !stop && writeFully(decoder->input(), passed.data(), passed.size()) && more;
+                    return !stop && writeFully(input.get(), passed.data(), passed.size()) && more;
                 });
             }
         } catch (...) {
             pumpError = std::current_exception();
         }
-        decoder->closeInput();
+        input.reset();
     });
+    // However this ends, even by the encoder failing, the decoder is stopped and the pump joined.
+    struct Finish {
+        std::atomic<bool>& stop;
+        std::unique_ptr<FfmpegChild>& decoder;
+        std::thread& pump;
+        ~Finish() {
+            stop = true;
+            decoder.reset();
+            if (pump.joinable()) pump.join();
+        }
+    } finish{stop, decoder, pump};
     std::string frame(encoder.frameBytes(), '\0');
     auto wanted = holds.begin();
     while (wanted != holds.end() && readFully(decoder->output(), frame.data(), frame.size()) == ptrdiff_t(frame.size())) {

@@ -39,13 +39,14 @@ protected:
     }
     static void TearDownTestSuite() { delete dir_; }
 
-    testing::ProcessResult ramp(std::vector<std::string> arguments) {
+    testing::ProcessResult ramp(std::vector<std::string> arguments, const std::string& ffmpeg = "") {
         testing::ProcessOptions options;
         options.environment = {{"AIMCAP_DATA_ROOT", (dir_->path() / "root").string()},
                                {"XDG_DATA_HOME", (dir_->path() / "xdg").string()},
                                {"XDG_STATE_HOME", (dir_->path() / "state").string()},
                                {"HOME", (dir_->path() / "home").string()},
-                               {"TMPDIR", temporary_.path().string()}};
+                               {"TMPDIR", temporary_.path().string()},
+                               {"AIMCAP_FFMPEG", ffmpeg}};
         arguments.insert(arguments.begin(), "ramp");
         return testing::runProcess(testing::verdictBenchPath(), arguments, options);
     }
@@ -125,6 +126,20 @@ TEST_F(RampVerb, FailsPlainlyWithoutCaptureOrKey) {
     EXPECT_EQ(result.standardError, "FAIL: video archive key unavailable: no video archive key of generation 1 in " +
                                         keys.string() +
                                         " — the recordings sealed with it stay unreadable until that key file is restored\n");
+    // An ffmpeg that fails leaves no partial clip behind.
+    const struct {
+        std::string ffmpeg, error;
+    } broken[] = {
+        {"/nonexistent/ffmpeg", "FAIL: couldn't launch ffmpeg: no ffmpeg executable found; install the ffmpeg package or "
+                                "set AIMCAP_FFMPEG to one\n"},
+        {"/bin/false", "FAIL: ffmpeg couldn't turn the decrypted frames into a playable container: ffmpeg exited with "
+                       "status 1\n"},
+    };
+    for (const auto& c : broken) {
+        const auto failed = ramp({IsoDate::format(judgedMs), "--bridge"}, c.ffmpeg);
+        EXPECT_EQ(failed.exitStatus, 1);
+        EXPECT_EQ(failed.standardError, c.error);
+    }
     EXPECT_TRUE(fs::is_empty(temporary_.path()));
 }
 
