@@ -26,6 +26,7 @@ constexpr Verb verbTable[] = {
     {"shadow", aimwise::verbs::runShadow},
     {"shadow-compare", aimwise::verbs::runShadowCompare},
     {"tick", aimwise::verbs::runTickVerb},
+    {"ramp", aimwise::verbs::runRamp},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
     {"estimate-selftest", aimwise::verbs::runEstimateSelftest},
     {"ocr-selftest", aimwise::verbs::runOcrSelftest},

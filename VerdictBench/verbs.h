@@ -15,5 +15,6 @@ int runStaleness(const cli::Invocation& invocation);
 int runReplay(const cli::Invocation& invocation);
 int runShadow(const cli::Invocation& invocation);
 int runShadowCompare(const cli::Invocation& invocation);
+int runRamp(const cli::Invocation& invocation);
 
 }  // namespace aimwise::verbs
