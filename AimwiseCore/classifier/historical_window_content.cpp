@@ -1,28 +1,67 @@
 #include "AimwiseCore/classifier/historical_window_content.h"
 
 #include <algorithm>
+#include <cmath>
 
 #include "AimwiseCore/classifier/window_content.h"
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/environment.h"
 #include "CaptureShared/common/text.h"
+#include "CaptureShared/ramp/frame_locator.h"
+#include "CaptureShared/video/historical_frame.h"
 #include "CaptureShared/signals/signals_reader.h"
+#include "platform/key_store.h"
 #include "platform/vision_text_recognizer.h"
 
 namespace aimwise {
 
 namespace {
 
-// Until the recording is readable here, no instant has a frame.
-class UnrecordedArchive final : public FrameArchive {
+// The sealed recording under `<dataRoot>/video`, keys from this platform's key store. The key store
+// is opened on the first frame asked for, so a data root without recordings never creates one.
+class RecordedArchive final : public FrameArchive {
 public:
-    Frame frameNear(int, int64_t, int64_t, const ScreenRect&) const override { return NoFrameNear{}; }
-    bool hasFrameNear(int, int64_t, int64_t) const override { return false; }
+    explicit RecordedArchive(std::filesystem::path videoRoot) : videoRoot_(std::move(videoRoot)) {}
+
+    Frame frameNear(int display, int64_t tsMs, int64_t searchLimitMs, const ScreenRect& crop) const override {
+        const auto located = locate(display, tsMs, searchLimitMs);
+        if (std::holds_alternative<FrameLocator::MomentTooOld>(located)) return PredatesSidecar{};
+        if (!std::holds_alternative<FrameLocator::Located>(located)) return NoFrameNear{};
+        if (!keys_) keys_ = defaultVideoArchiveKeyStore();
+        HistoricalFrame::Request request{.atMs = tsMs, .display = display, .toleranceMs = searchLimitMs};
+        if (crop.width > 0 && crop.height > 0)
+            request.crop = HistoricalFrame::PixelRect{int(std::floor(crop.x)), int(std::floor(crop.y)),
+                                                      int(std::ceil(crop.width)), int(std::ceil(crop.height))};
+        const auto result = HistoricalFrame::nearest(videoRoot_, request, keys_->lookup(), processEnvironment());
+        if (const auto* image = std::get_if<HistoricalFrame::Image>(&result))
+            return Image{image->png, image->sourceRealMs};
+        if (std::holds_alternative<HistoricalFrame::NoFrameNear>(result)) return NoFrameNear{};
+        if (std::holds_alternative<HistoricalFrame::UnsupportedEra>(result)) return PredatesSidecar{};
+        return Failed{std::get<HistoricalFrame::ExtractionFailed>(result).reason};
+    }
+
+    // Reads only the sidecar: nothing is decrypted or decoded.
+    bool hasFrameNear(int display, int64_t tsMs, int64_t toleranceMs) const override {
+        return std::holds_alternative<FrameLocator::Located>(locate(display, tsMs, toleranceMs));
+    }
+
+private:
+    // A display that never recorded has no frame near anything, whatever the era.
+    FrameLocator::LocateResult locate(int display, int64_t tsMs, int64_t toleranceMs) const {
+        const auto sidecar = videoRoot_ / ("display-" + std::to_string(display)) / "frame_timestamps.csv";
+        std::error_code error;
+        if (!std::filesystem::is_regular_file(sidecar, error)) return FrameLocator::NoFrameNear{};
+        return FrameLocator::sidecarWindow(sidecar, tsMs, tsMs, toleranceMs).locate(tsMs, toleranceMs);
+    }
+
+    std::filesystem::path videoRoot_;
+    mutable std::unique_ptr<VideoArchiveKeyStore> keys_;
 };
 
 }  // namespace
 
-std::unique_ptr<FrameArchive> FrameArchive::forDataRoot(const std::filesystem::path&) {
-    return std::make_unique<UnrecordedArchive>();
+std::unique_ptr<FrameArchive> FrameArchive::forDataRoot(const std::filesystem::path& dataRoot) {
+    return std::make_unique<RecordedArchive>(dataRoot / "video");
 }
 
 namespace HistoricalWindowContent {
