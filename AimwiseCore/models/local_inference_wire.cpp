@@ -59,7 +59,7 @@ HTTPResponse send(const HTTPRequest& request, HTTPSession& session, const Clock&
         try {
             response = session.send(request);
         } catch (const HTTPTransportFailure& failure) {
-            throw ModelBackendError::transportError(failure.description());
+            throw ModelBackendError::transportError(failure.description(), failure.timedOut());
         }
         if (response.status >= 200 && response.status <= 299) return response;
         if (isLoadingResponse(response.status, response.body) && clock.now() + 1.0 < deadline) {

@@ -238,7 +238,7 @@ ChatResponse LocalModelBackend::streamOnce(const std::vector<ChatMessage>& messa
         } catch (const CancellationError&) {
             throw;
         } catch (const HTTPTransportFailure& failure) {
-            throw ModelBackendError::transportError(failure.description());
+            throw ModelBackendError::transportError(failure.description(), failure.timedOut());
         } catch (const std::exception& error) {
             throw ModelBackendError::transportError(error.what());
         }
