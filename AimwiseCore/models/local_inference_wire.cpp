@@ -71,7 +71,7 @@ HTTPResponse send(const HTTPRequest& request, HTTPSession& session, const Clock&
 }
 
 std::string content(std::string_view body) {
-    ChatJSON root = ChatJSON::parse(body, nullptr, false);
+    ChatJSON root = ChatWire::parseBounded(body);
     if (root.is_discarded() || !root.is_object())
         throw ModelBackendError::invalidResponse("llama-server response was not a JSON object");
     if (const ChatJSON* error = ChatWire::member(root, "error"); error && error->is_object())
