@@ -24,6 +24,7 @@
 #include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/staleness/recording_pause.h"
 #include "CaptureShared/staleness/signals_staleness.h"
+#include "agents/aimwise/models_verb.h"
 #include "agents/services/user_services.h"
 
 namespace aimwise::AimwiseCommand {
@@ -37,7 +38,8 @@ const char* const usageText =
     "  status                                 task, newest verdict, signals and model at a glance\n"
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"
-    "  uninstall-services                     stop, disable and remove them\n";
+    "  uninstall-services                     stop, disable and remove them\n"
+    "  models [--check [--message TEXT]]      which model each role uses; --check asks the coach's model once\n";
 
 namespace {
 
@@ -298,6 +300,7 @@ int run(const std::vector<std::string>& arguments) {
         return 0;
     }
     if (command == "task") return runTask(rest);
+    if (command == "models") return ModelsVerb::run(rest);
     if (command == "status") return rest.empty() ? runStatus() : usage("status takes no arguments");
     if (command == "init") return runInit(rest);
     if (command == "install-services") {
