@@ -28,7 +28,10 @@ public:
     static std::optional<MerlRouteDirective> decode(const std::optional<std::string>& headerValue,
                                                     std::string_view body);
 
-    bool operator==(const MerlRouteDirective&) const = default;
+    bool operator==(const MerlRouteDirective& other) const {
+        return reason_ == other.reason_ && onlineShare_ == other.onlineShare_ &&
+               retryOnlineAfterSeconds_ == other.retryOnlineAfterSeconds_;
+    }
 
 private:
     std::string reason_;

@@ -295,10 +295,10 @@ std::shared_ptr<ModelBackend> forConsolidation(const Environment& environment,
     }
     const FallbackModelBackend::Options options{reachabilityCooldownSec};
     if (backendName(environment) == "proxy") {
+        auto proxy = proxyBackend(environment, log, dumpDirectory, std::nullopt, services);
         emit(log, lead + " primary, retried; proxy fallback");
-        return std::make_shared<FallbackModelBackend>(
-            std::move(stack), proxyBackend(environment, log, dumpDirectory, std::nullopt, services), localName,
-            ProxyModelBackend::backendName, options, *services.clock, log);
+        return std::make_shared<FallbackModelBackend>(std::move(stack), std::move(proxy), localName,
+                                                      ProxyModelBackend::backendName, options, *services.clock, log);
     }
     if (!apiKey(environment).empty()) {
         OpenRouterConfig remote = onlineConfig(environment, log, std::nullopt);

@@ -9,6 +9,7 @@
 
 #include "AimwiseCore/models/chat_types.h"
 #include "AimwiseCore/privacy/redaction_report.h"
+#include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 
 namespace aimwise::OutboundRedaction {
 
@@ -17,7 +18,14 @@ struct Result {
     RedactionReport report;
 };
 
+// A conversation goes out again whole on every turn, so each text's redaction is remembered (a
+// bounded, process-wide memo; redaction is a pure function of the text) and only new text is scanned.
 Result redactOutbound(const std::vector<ChatMessage>& messages);
+
+// One text, through the memo.
+RedactionResult redactText(const std::string& text);
+// Forgets every remembered text (for measuring the first turn of a conversation).
+void clearMemo();
 
 // Strings are redacted, arrays and objects walked. A whole number long enough to be an identifier
 // (six digits or more) is checked through its text without a fraction and, when it is one, replaced
