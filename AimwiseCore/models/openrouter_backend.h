@@ -12,6 +12,7 @@
 #include <string>
 #include <vector>
 
+#include "AimwiseCore/models/chat_wire.h"
 #include "AimwiseCore/models/http_session.h"
 #include "AimwiseCore/models/model_backend.h"
 #include "AimwiseCore/models/model_backend_error.h"
@@ -60,6 +61,8 @@ private:
 class OpenRouterBackend : public ModelBackend {
 public:
     using Log = std::function<void(const std::string& line)>;
+
+    using StreamAccumulator = ChatStreamAccumulator;
 
     static constexpr const char* backendName = "openrouter";
     // Error bodies are read only this far.
