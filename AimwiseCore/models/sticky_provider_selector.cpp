@@ -94,7 +94,7 @@ int64_t StickyProviderSelector::routingGeneration() const {
 }
 
 std::string StickyProviderSelector::routingGenerationSalt() const {
-    return "\x1erouting-generation:" + std::to_string(routingGeneration());
+    return "\x1e" + std::to_string(routingGeneration());
 }
 
 std::optional<std::string> StickyProviderSelector::current(const std::string& slug) const {

@@ -50,7 +50,7 @@ public:
     // Rises by one each time any model moves to another provider, and survives restarts with the
     // choices. Session keys salted with it start a new prompt-cache lineage after a move.
     int64_t routingGeneration() const;
-    // The generation as text to append to what a session key is hashed from.
+    // U+001E and the generation in decimal, to append to what a session key is hashed from.
     std::string routingGenerationSalt() const;
 
     // The remembered provider of a model, if any.
