@@ -241,7 +241,36 @@ std::vector<TokenLogprob> parseLogprobs(const ChatJSON& choiceLogprobs) {
     return out;
 }
 
+bool nestsTooDeep(std::string_view json) {
+    size_t depth = 0;
+    bool inString = false;
+    for (size_t i = 0; i < json.size(); ++i) {
+        const char c = json[i];
+        if (inString) {
+            if (c == '\\')
+                ++i;
+            else if (c == '"')
+                inString = false;
+        } else if (c == '"') {
+            inString = true;
+        } else if (c == '[' || c == '{') {
+            if (++depth > maxNestingDepth) return true;
+        } else if ((c == ']' || c == '}') && depth > 0) {
+            --depth;
+        }
+    }
+    return false;
+}
+
+ChatJSON parseBounded(std::string_view text) {
+    if (nestsTooDeep(text)) return ChatJSON(ChatJSON::value_t::discarded);
+    return ChatJSON::parse(text, nullptr, false);
+}
+
 ChatResponse parseResponse(std::string_view body) {
+    if (nestsTooDeep(body))
+        throw ModelBackendError::invalidResponse("response nests deeper than " + std::to_string(maxNestingDepth) +
+                                                 " levels");
     ChatJSON root;
     try {
         root = ChatJSON::parse(body);

@@ -35,6 +35,11 @@ JSONValue fromWire(const ChatJSON& value);
 
 // The common reply parser. Throws ModelBackendError.
 ChatResponse parseResponse(std::string_view body);
+// Replies are walked recursively; deeper nesting than this is refused rather than risking the stack.
+inline constexpr size_t maxNestingDepth = 512;
+bool nestsTooDeep(std::string_view json);
+// The value, or a discarded one when the text is not JSON or nests too deep. Never throws.
+ChatJSON parseBounded(std::string_view text);
 // Absent unless both token counts are integers.
 std::optional<ChatUsage> parseUsage(const ChatJSON& usage);
 // The entries with a usable function name, in order; bad arguments become an empty object.

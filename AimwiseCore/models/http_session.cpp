@@ -185,6 +185,10 @@ void HTTPSession::Impl::perform(const HTTPRequest& request, Transfer& transfer) 
     if (!socketPath.empty()) libcurl().easySetopt(curl, CURLOPT_UNIX_SOCKET_PATH, socketPath.c_str());
     // Traffic for this machine's own server must never be handed to a proxy from the environment.
     if (loopback) libcurl().easySetopt(curl, CURLOPT_NOPROXY, "*");
+    // Conversation text travels over https only to a server whose certificate the system's store vouches for.
+    libcurl().easySetopt(curl, CURLOPT_SSL_VERIFYPEER, 1L);
+    libcurl().easySetopt(curl, CURLOPT_SSL_VERIFYHOST, 2L);
+    libcurl().easySetopt(curl, CURLOPT_SSLVERSION, static_cast<long>(CURL_SSLVERSION_TLSv1_2));
     libcurl().easySetopt(curl, CURLOPT_ERRORBUFFER, errorText);
     libcurl().easySetopt(curl, CURLOPT_NOSIGNAL, 1L);
     libcurl().easySetopt(curl, CURLOPT_TIMEOUT_MS, timeoutMs);
@@ -241,8 +245,9 @@ void HTTPSession::Impl::perform(const HTTPRequest& request, Transfer& transfer) 
     if (code == CURLE_OPERATION_TIMEDOUT) {
         char seconds[32];
         std::snprintf(seconds, sizeof seconds, "%g", request.timeoutSec);
-        throw HTTPTransportFailure("the request to " + request.url.string() + " timed out after " + seconds +
-                                   " s (" + detail + ")");
+        throw HTTPTransportFailure(
+            "the request to " + request.url.string() + " timed out after " + seconds + " s (" + detail + ")",
+            HTTPTransportFailure::Cause::timedOut);
     }
     if (code != CURLE_OK) throw HTTPTransportFailure("the request to " + request.url.string() + " failed: " + detail);
 }

@@ -36,12 +36,16 @@ struct HTTPResponse {
 // No HTTP reply came back: refused connection, a timeout, a connection cut mid-body.
 class HTTPTransportFailure : public std::exception {
 public:
-    explicit HTTPTransportFailure(std::string description) : description_(std::move(description)) {}
+    enum class Cause { other, timedOut };
+    explicit HTTPTransportFailure(std::string description, Cause cause = Cause::other)
+        : description_(std::move(description)), cause_(cause) {}
     const std::string& description() const { return description_; }
+    bool timedOut() const { return cause_ == Cause::timedOut; }
     const char* what() const noexcept override { return description_.c_str(); }
 
 private:
     std::string description_;
+    Cause cause_;
 };
 
 class HTTPSession {

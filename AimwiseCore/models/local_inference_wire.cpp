@@ -59,7 +59,7 @@ HTTPResponse send(const HTTPRequest& request, HTTPSession& session, const Clock&
         try {
             response = session.send(request);
         } catch (const HTTPTransportFailure& failure) {
-            throw ModelBackendError::transportError(failure.description());
+            throw ModelBackendError::transportError(failure.description(), failure.timedOut());
         }
         if (response.status >= 200 && response.status <= 299) return response;
         if (isLoadingResponse(response.status, response.body) && clock.now() + 1.0 < deadline) {
@@ -71,7 +71,7 @@ HTTPResponse send(const HTTPRequest& request, HTTPSession& session, const Clock&
 }
 
 std::string content(std::string_view body) {
-    ChatJSON root = ChatJSON::parse(body, nullptr, false);
+    ChatJSON root = ChatWire::parseBounded(body);
     if (root.is_discarded() || !root.is_object())
         throw ModelBackendError::invalidResponse("llama-server response was not a JSON object");
     if (const ChatJSON* error = ChatWire::member(root, "error"); error && error->is_object())

@@ -9,6 +9,7 @@
 #include "AimwiseCore/models/local_context_fit.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "AimwiseCore/models/request_dump.h"
+#include "AimwiseCore/models/server_prompt.h"
 
 namespace aimwise {
 
@@ -64,6 +65,7 @@ ChatJSON LocalModelBackend::buildRequestBody(const std::vector<ChatMessage>& mes
 std::string LocalModelBackend::prepare(const std::vector<ChatMessage>& messages,
                                        const std::optional<std::vector<ToolSpec>>& tools, const ChatOptions& options,
                                        bool stream) const {
+    ServerPrompt::refuseIfPlaceholders(messages, backendName);
     if (conformance_ == RequestConformance::Mode::enforced) {
         RequestConformance::validate(messages, tools);
         // The local server enforces a requested schema itself.
@@ -212,7 +214,7 @@ ChatResponse LocalModelBackend::streamOnce(const std::vector<ChatMessage>& messa
         int status = 0;
         std::string errorBody;
         ServerSentEventLines lines([&](std::string_view payload) {
-            ChatJSON value = ChatJSON::parse(payload, nullptr, false);
+            ChatJSON value = ChatWire::parseBounded(payload);
             if (!value.is_object()) return;
             if (const ChatJSON* error = ChatWire::member(value, "error"); error && error->is_object())
                 throw ModelBackendError::invalidResponse("llama-server error: " + ChatWire::errorObjectText(*error));
@@ -238,7 +240,7 @@ ChatResponse LocalModelBackend::streamOnce(const std::vector<ChatMessage>& messa
         } catch (const CancellationError&) {
             throw;
         } catch (const HTTPTransportFailure& failure) {
-            throw ModelBackendError::transportError(failure.description());
+            throw ModelBackendError::transportError(failure.description(), failure.timedOut());
         } catch (const std::exception& error) {
             throw ModelBackendError::transportError(error.what());
         }

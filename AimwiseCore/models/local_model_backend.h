@@ -41,7 +41,8 @@ public:
     ChatResponse chatStream(const std::vector<ChatMessage>& messages, const std::optional<std::vector<ToolSpec>>& tools,
                             const ChatOptions& options, const StreamDeltaHandler& onDelta) override;
 
-    // The request body as the server will get it. Throws ModelBackendError or a conformance Violation.
+    // The request body as the server will get it. Throws ModelBackendError, a conformance Violation, or
+    // ServerPrompt::PlaceholderLeak for a prompt meant for the hosted route.
     std::string prepare(const std::vector<ChatMessage>& messages, const std::optional<std::vector<ToolSpec>>& tools,
                         const ChatOptions& options, bool stream) const;
     static ChatJSON buildRequestBody(const std::vector<ChatMessage>& messages,

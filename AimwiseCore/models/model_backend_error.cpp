@@ -28,8 +28,8 @@ ModelBackendError ModelBackendError::httpError(int status, std::string body) {
     return ModelBackendError(HTTPError{status, std::move(body)});
 }
 
-ModelBackendError ModelBackendError::transportError(std::string reason) {
-    return ModelBackendError(TransportError{std::move(reason)});
+ModelBackendError ModelBackendError::transportError(std::string reason, bool timedOut) {
+    return ModelBackendError(TransportError{std::move(reason), timedOut});
 }
 
 bool ModelBackendError::isReachabilityFailure() const {

@@ -21,6 +21,8 @@ public:
     };
     struct TransportError {
         std::string reason;
+        // The transport gave up waiting (connect or whole-exchange timeout), as opposed to a refusal or a cut.
+        bool timedOut = false;
         bool operator==(const TransportError&) const = default;
     };
     using Case = std::variant<InvalidResponse, HTTPError, TransportError>;
@@ -28,7 +30,7 @@ public:
     explicit ModelBackendError(Case value);
     static ModelBackendError invalidResponse(std::string reason);
     static ModelBackendError httpError(int status, std::string body);
-    static ModelBackendError transportError(std::string reason);
+    static ModelBackendError transportError(std::string reason, bool timedOut = false);
 
     const Case& value() const { return value_; }
     const InvalidResponse* asInvalidResponse() const { return std::get_if<InvalidResponse>(&value_); }

@@ -26,6 +26,7 @@
 #include "CaptureShared/staleness/signals_staleness.h"
 #include "agents/aimwise/label_verb.h"
 #include "agents/aimwise/memory_verb.h"
+#include "agents/aimwise/models_verb.h"
 #include "agents/services/user_services.h"
 
 namespace aimwise::AimwiseCommand {
@@ -41,7 +42,8 @@ const char* const usageText =
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
     "  label [--count N] | label --stats      say what you were really doing at judged moments\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"
-    "  uninstall-services                     stop, disable and remove them\n";
+    "  uninstall-services                     stop, disable and remove them\n"
+    "  models [--check [--message TEXT]]      which model each role uses; --check asks the coach's model once\n";
 
 namespace {
 
@@ -302,6 +304,7 @@ int run(const std::vector<std::string>& arguments) {
         return 0;
     }
     if (command == "task") return runTask(rest);
+    if (command == "models") return ModelsVerb::run(rest);
     if (command == "status") return rest.empty() ? runStatus() : usage("status takes no arguments");
     if (command == "init") return runInit(rest);
     if (command == "memory") return MemoryVerb::run(rest);

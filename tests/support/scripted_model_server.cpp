@@ -39,7 +39,9 @@ const char* reasonPhrase(int status) {
     switch (status) {
         case 200: return "OK";
         case 400: return "Bad Request";
+        case 401: return "Unauthorized";
         case 404: return "Not Found";
+        case 429: return "Too Many Requests";
         case 500: return "Internal Server Error";
         case 503: return "Service Unavailable";
         default: return "Status";
@@ -83,6 +85,46 @@ ScriptedModelServer::Reply ScriptedModelServer::Reply::events(const std::vector<
     reply.chunks.emplace();
     for (const std::string& payload : payloads) reply.chunks->push_back("data: " + payload + "\n\n");
     if (done) reply.chunks->push_back("data: [DONE]\n\n");
+    return reply;
+}
+
+ScriptedModelServer::Reply ScriptedModelServer::Reply::providerError(int status, const std::string& message) {
+    return json(status, nlohmann::ordered_json{{"error", {{"code", status}, {"message", message}}}}.dump());
+}
+
+std::string ScriptedModelServer::onlineCompletionBody(const std::string& content, const std::string& provider) {
+    json body = json::parse(completionBody(content));
+    body["id"] = "gen-scripted";
+    body["provider"] = provider;
+    body["usage"] = {{"prompt_tokens", 1200},
+                     {"completion_tokens", 8},
+                     {"prompt_tokens_details", {{"cached_tokens", 1000}}},
+                     {"cost", 0.00042}};
+    return body.dump();
+}
+
+ScriptedModelServer::Reply ScriptedModelServer::onlineStream(const std::vector<std::string>& pieces,
+                                                             const std::string& provider,
+                                                             const std::optional<std::string>& midStreamError) {
+    std::vector<std::string> payloads;
+    for (std::string payload : streamPayloads(pieces)) {
+        json chunk = json::parse(payload);
+        chunk["id"] = "gen-scripted";
+        chunk["provider"] = provider;
+        if (chunk.contains("usage")) chunk["usage"]["cost"] = 0.00042;
+        payloads.push_back(chunk.dump());
+    }
+    if (midStreamError) {
+        payloads.resize(1 + pieces.size());
+        payloads.push_back(json{{"id", "gen-scripted"},
+                                {"provider", provider},
+                                {"error", {{"code", 429}, {"message", *midStreamError}}},
+                                {"choices", json::array({{{"index", 0}, {"delta", {{"content", ""}}},
+                                                           {"finish_reason", "error"}}})}}
+                               .dump());
+    }
+    Reply reply = Reply::events(payloads, !midStreamError);
+    reply.chunks->insert(reply.chunks->begin(), ": OPENROUTER PROCESSING\n\n");
     return reply;
 }
 
@@ -214,6 +256,11 @@ void ScriptedModelServer::setHandler(const std::string& path, Handler handler) {
 void ScriptedModelServer::setLoadingRequests(int count) {
     std::lock_guard lock(mutex_);
     loadingRequests_ = count;
+}
+
+void ScriptedModelServer::setOnlineMode(std::string apiKey) {
+    std::lock_guard lock(mutex_);
+    onlineKey_ = std::move(apiKey);
 }
 
 void ScriptedModelServer::setModelPath(std::string path) {
@@ -357,6 +404,7 @@ void ScriptedModelServer::serve(int fd) {
 
         std::string headText = "HTTP/1.1 " + std::to_string(reply.status) + " " + reasonPhrase(reply.status) +
                                "\r\nContent-Type: " + reply.contentType + "\r\nServer: scripted\r\n";
+        for (const auto& [name, value] : reply.headers) headText += name + ": " + value + "\r\n";
         if (reply.chunks) {
             write(fd, headText + "Transfer-Encoding: chunked\r\n\r\n");
             for (const std::string& piece : *reply.chunks) {
@@ -400,9 +448,11 @@ ScriptedModelServer::Reply ScriptedModelServer::replyFor(const Request& request)
 
 ScriptedModelServer::Reply ScriptedModelServer::builtIn(const Request& request) {
     std::string modelPath;
+    std::optional<std::string> onlineKey;
     {
         std::lock_guard lock(mutex_);
         modelPath = modelPath_;
+        onlineKey = onlineKey_;
     }
     if (request.path == "/health") return Reply::json(200, R"({"status":"ok"})");
     if (request.path == "/props") {
@@ -441,6 +491,17 @@ ScriptedModelServer::Reply ScriptedModelServer::builtIn(const Request& request) 
             if (message.value("role", "") == "user" && message.contains("content") && message["content"].is_string())
                 lastUser = message["content"].get<std::string>();
         std::string answer = "echo: " + lastUser;
+        if (onlineKey) {
+            const std::string* authorization = request.header("Authorization");
+            if (!authorization || *authorization != "Bearer " + *onlineKey)
+                return Reply::providerError(401, "No auth credentials found");
+            // A pinned call is answered by the provider it was pinned to.
+            std::string provider = "Scripted";
+            if (body.contains("provider") && body["provider"].contains("only") && !body["provider"]["only"].empty())
+                provider = body["provider"]["only"][0].get<std::string>();
+            if (body.value("stream", false)) return onlineStream({"echo: ", lastUser}, provider);
+            return Reply::json(200, onlineCompletionBody(answer, provider));
+        }
         if (body.value("stream", false)) return Reply::events(streamPayloads({"echo: ", lastUser}));
         return Reply::json(200, completionBody(answer));
     }

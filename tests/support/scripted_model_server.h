@@ -2,7 +2,9 @@
 // A real HTTP/1.1 server, on 127.0.0.1 or on a unix socket, that behaves as the local model server
 // does on the wire: the chat route (whole and streamed), /props, /tokenize, /apply-template, and
 // 503 "Loading model" while loading. Tests script its replies per path, including slow ones, cut
-// ones and ones that never come, and read back every request it received.
+// ones and ones that never come, and read back every request it received. In online mode the chat
+// route behaves as the online router does: it wants the bearer key, names the provider that served,
+// reports cost, and keeps its streams alive with ":" comment lines.
 #include <atomic>
 #include <condition_variable>
 #include <deque>
@@ -49,6 +51,7 @@ public:
         };
         int status = 200;
         std::string contentType = "application/json";
+        std::vector<std::pair<std::string, std::string>> headers;
         std::string body;
         // When set, the reply is a chunked event stream, one chunk per element.
         std::optional<std::vector<std::string>> chunks;
@@ -60,6 +63,8 @@ public:
         static Reply loading();
         // "data: <payload>\n\n" for each payload, then "data: [DONE]\n\n" when `done`.
         static Reply events(const std::vector<std::string>& payloads, bool done = true);
+        // The router's error reply: {"error":{"code":status,"message":...}}.
+        static Reply providerError(int status, const std::string& message);
     };
     using Handler = std::function<Reply(const Request&)>;
 
@@ -84,6 +89,8 @@ public:
     // The next `count` requests to any route but /v1/models answer 503 "Loading model".
     void setLoadingRequests(int count);
     void setModelPath(std::string path);
+    // The chat route answers as the online router, for requests bearing this key (401 otherwise).
+    void setOnlineMode(std::string apiKey);
 
     std::vector<Request> requests() const;
     std::vector<Request> requests(const std::string& path) const;
@@ -98,6 +105,12 @@ public:
     // the finishing chunk, a usage chunk; each as a bare JSON payload.
     static std::vector<std::string> streamPayloads(const std::vector<std::string>& pieces,
                                                    const std::string& finishReason = "stop");
+    // The router's completion: provider, generation id and a usage block with cached tokens and cost.
+    static std::string onlineCompletionBody(const std::string& content, const std::string& provider = "Scripted");
+    // The router's stream: a keep-alive comment, one chunk per piece, the finish and usage chunks, then
+    // [DONE]; or, with `midStreamError`, that error chunk after the pieces and no [DONE].
+    static Reply onlineStream(const std::vector<std::string>& pieces, const std::string& provider = "Scripted",
+                              const std::optional<std::string>& midStreamError = std::nullopt);
 
 private:
     void listenOnUnixSocket(const std::filesystem::path& path);
@@ -125,6 +138,7 @@ private:
     std::vector<Request> requests_;
     int loadingRequests_ = 0;
     std::string modelPath_ = "/models/scripted.gguf";
+    std::optional<std::string> onlineKey_;
 };
 
 }  // namespace aimwise::testing
