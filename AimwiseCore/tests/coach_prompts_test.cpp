@@ -6,7 +6,7 @@
 #include "AimwiseCore/coach/driver_coach_prompt.h"
 #include "AimwiseCore/coach/layer3_prompt.h"
 #include "AimwiseCore/coach/prompt_stack.h"
-#include "AimwiseCore/coach/text_digest.h"
+#include "AimwiseCore/models/sha256.h"
 #include "AimwiseCore/coach/write_intention_tool.h"
 #include "tests/support/temp_dir.h"
 
@@ -39,7 +39,7 @@ TEST(CoachPromptsTest, EveryFixedPromptIsExactlyItsApprovedText) {
     };
     for (const auto& [name, text, bytes, sha256] : cases) {
         EXPECT_EQ(text.size(), bytes) << name;
-        EXPECT_EQ(TextDigest::sha256Hex(text), sha256) << name << ":\n" << text;
+        EXPECT_EQ(Sha256::hex(text), sha256) << name << ":\n" << text;
     }
 }
 
