@@ -12,6 +12,8 @@
 #include <string_view>
 #include <vector>
 
+#include "AimwiseCore/events/event_log_reader.h"
+
 namespace aimwise::fuzzing {
 
 namespace fs = std::filesystem;
@@ -103,13 +105,9 @@ auto readGrowing(const fs::path& log, std::string_view data, Reader& reader, Aft
 template <typename Row, typename Decode>
 std::vector<Row> completeRows(std::string_view data, Decode&& decode) {
     std::vector<Row> rows;
-    const size_t end = data.rfind('\n');
-    for (size_t start = 0; end != std::string_view::npos && start <= end;) {
-        const size_t newline = data.find('\n', start);
-        if (newline > start)
-            if (auto row = decode(data.substr(start, newline - start))) rows.push_back(std::move(*row));
-        start = newline + 1;
-    }
+    forEachLine(data.substr(0, data.rfind('\n') + 1), [&](std::string_view line) {
+        if (auto row = decode(line)) rows.push_back(std::move(*row));
+    });
     return rows;
 }
 
