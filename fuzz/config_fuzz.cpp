@@ -1,6 +1,9 @@
-// config.json as the person may have left it: parsed, and then changed by a setting written over it.
+// config.json as the person may have left it: parsed, its model endpoint resolved, and then changed
+// by a setting written over it.
 #include <algorithm>
 
+#include "AimwiseCore/models/local_inference_endpoint.h"
+#include "AimwiseCore/models/local_inference_wire.h"
 #include "CaptureShared/dataroot/agent_config.h"
 #include "fuzz/fuzz_support.h"
 
@@ -18,6 +21,14 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
     if (result.parseError) {
         require(result.settings.empty() && result.unknownKeys.empty(), "a file that does not parse yields nothing");
         return 0;
+    }
+
+    // The endpoint is refused with a typed error, or is one that the local-only check lets through.
+    try {
+        const auto url = LocalInferenceEndpoint::resolveOrThrow(result.settings);
+        LocalInferenceWire::requireLocalDestination(LocalInferenceWire::chatCompletionsURL(url));
+        require(EndpointURL::parse(url.string()) == url, "a resolved endpoint reads back as it prints");
+    } catch (const LocalInferenceEndpoint::ResolutionError&) {
     }
 
     const auto config = fuzzing::scratch() / "config.json";
