@@ -6,6 +6,7 @@
 #include <unistd.h>
 
 #include <cerrno>
+#include <cmath>
 #include <ctime>
 #include <random>
 #include <nlohmann/json.hpp>
@@ -233,7 +234,9 @@ std::optional<RefusalNote> readRefusalNote(const std::filesystem::path& from) {
         if (!ms) return std::nullopt;
         note.atMs = *ms;
     } else if (at->is_number()) {
-        note.atMs = static_cast<int64_t>((at->get<double>() + referenceDateOffsetSec) * 1000.0);
+        const double ms = (at->get<double>() + referenceDateOffsetSec) * 1000.0;
+        if (!(std::fabs(ms) < 9.2e18)) return std::nullopt;  // no time a clock can hold
+        note.atMs = static_cast<int64_t>(ms);
     } else {
         return std::nullopt;
     }

@@ -59,7 +59,8 @@ std::string ClassifierFrameInstant::disclosure(std::optional<int64_t> loggedAtMs
         return "No screenshot time recorded for this tick: this frame is from when the verdict was logged, "
                "which can be ~5–11s after what the classifier actually saw.";
     if (loggedAtMs) {
-        const double lagSec = static_cast<double>(*loggedAtMs - ms) / 1000.0;
+        // In doubles: a logged time can be anything, and the difference must not overflow.
+        const double lagSec = (static_cast<double>(*loggedAtMs) - static_cast<double>(ms)) / 1000.0;
         if (lagSec >= 0.5)
             return fmt::format("Frame from when the classifier took its screenshot (verdict logged {:.0f}s later).",
                                lagSec);

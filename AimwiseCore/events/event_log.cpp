@@ -26,6 +26,8 @@ struct Cache {
     events_io::FileAttributes attributes;
     int64_t completeUpTo = 0;
     std::optional<std::string> text;
+    // An answer taken from a torn last line holds only until that line is finished.
+    bool fromFragment = false;
 };
 
 std::mutex lock;
@@ -73,6 +75,7 @@ std::optional<std::optional<std::string>> acceptedTaskLine(std::string_view line
 struct ScanResult {
     bool failed = false;
     std::optional<std::optional<std::string>> found;
+    bool foundInFragment = false;
     int64_t completeUpTo = 0;
 };
 
@@ -94,6 +97,7 @@ ScanResult scanBackwards(int fd, int64_t from, int64_t to, bool tailComplete, bo
         if (line.empty() || (isNewest && newestIsFragment && !tailComplete)) return false;
         if (auto accepted = acceptedTaskLine(line)) {
             result.found = std::move(accepted);
+            result.foundInFragment = isNewest && newestIsFragment;
             return true;
         }
         return false;
@@ -164,7 +168,7 @@ std::optional<std::string> read(const std::filesystem::path& at) {
         return std::nullopt;
     }
     if (cache && cache->path == at && cache->attributes.inode == attributes.inode && cache->completeUpTo > 0 &&
-        cache->completeUpTo <= attributes.size) {
+        cache->completeUpTo <= attributes.size && !cache->fromFragment) {
         ++counters.appendedScans;
         const auto appended = scanBackwards(fd.get(), cache->completeUpTo, attributes.size, false, false);
         if (!appended.failed) {
@@ -180,7 +184,7 @@ std::optional<std::string> read(const std::filesystem::path& at) {
         return std::nullopt;
     }
     std::optional<std::string> text = scanned.found ? *scanned.found : std::nullopt;
-    cache = Cache{at, attributes, scanned.completeUpTo, text};
+    cache = Cache{at, attributes, scanned.completeUpTo, text, scanned.foundInFragment};
     return text;
 }
 
@@ -196,8 +200,10 @@ std::optional<std::string> taskFileBody(std::string_view type, const JSONValue* 
     std::string body = "Task: " + *task + "\nDeclared: " + formatted(tsMs, u"yyyy-MM-dd h:mma 'ET'") + "\n";
     const JSONValue* horizon = detail->member("horizon_minutes");
     const JSONValue* until = detail->member("until");
-    if (horizon && horizon->numberIfAny() && std::isfinite(*horizon->numberIfAny())) {
-        const double endMs = static_cast<double>(tsMs) + *horizon->numberIfAny() * 60000.0;
+    const double* minutes = horizon ? horizon->numberIfAny() : nullptr;
+    const double endMs = minutes ? static_cast<double>(tsMs) + *minutes * 60000.0 : 0.0;
+    // An end no time can hold (or not a number at all) is no estimate.
+    if (minutes && std::fabs(endMs) < 9.2e18) {
         std::string clock = formatted(static_cast<int64_t>(endMs), u"h:mm a");
         clock.erase(std::remove(clock.begin(), clock.end(), ' '), clock.end());
         std::transform(clock.begin(), clock.end(), clock.begin(),

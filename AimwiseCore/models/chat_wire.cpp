@@ -274,7 +274,7 @@ ChatResponse parseResponse(std::string_view body) {
     ChatJSON root;
     try {
         root = ChatJSON::parse(body);
-    } catch (const ChatJSON::parse_error& error) {
+    } catch (const ChatJSON::exception& error) {  // a parse error, or a number too large for a double
         throw ModelBackendError::invalidResponse(error.what());
     }
     if (!root.is_object()) throw ModelBackendError::invalidResponse("response was not a JSON object");

@@ -61,7 +61,9 @@ std::optional<Trimmed> dropOldestTurns(const std::vector<ChatMessage>& messages,
     std::optional<int64_t> context = overflow.contextTokens ? overflow.contextTokens : contextTokens;
     size_t bytesToDrop = 0;
     if (context && overflow.promptTokens && *overflow.promptTokens > 0) {
-        double room = std::max<double>(0.0, (*context - std::max<int64_t>(maxTokens, 0)) * targetShare);
+        // In doubles: the server's figures can be anything, and must not overflow.
+        double room = std::max<double>(
+            0.0, (static_cast<double>(*context) - static_cast<double>(std::max<int64_t>(maxTokens, 0))) * targetShare);
         double keepShare = std::clamp(room / static_cast<double>(*overflow.promptTokens), 0.0, 1.0);
         bytesToDrop = static_cast<size_t>(static_cast<double>(totalBytes) * (1.0 - keepShare));
     }

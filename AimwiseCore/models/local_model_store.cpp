@@ -35,6 +35,12 @@ std::optional<Identity> identityOf(const std::filesystem::path& path) {
                     static_cast<uint64_t>(info.st_ino), static_cast<uint64_t>(info.st_dev)};
 }
 
+// A member's text, or "" when it is missing or not text: a hand-edited file must not throw.
+std::string textMember(const json& object, const char* key) {
+    const auto found = object.find(key);
+    return found != object.end() && found->is_string() ? found->get<std::string>() : std::string();
+}
+
 std::string lowercased(std::string text) {
     std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
     return text;
@@ -59,7 +65,7 @@ std::optional<LocalModelManifest> decodeManifest(const json& entry) {
     if (!entry.is_object() || !entry.contains("model") || !entry["model"].is_string()) return std::nullopt;
     LocalModelManifest manifest;
     manifest.model = entry["model"].get<std::string>();
-    manifest.fileName = entry.value("file_name", "");
+    manifest.fileName = textMember(entry, "file_name");
     if (manifest.fileName.empty()) return std::nullopt;
     if (entry.contains("files") && entry["files"].is_array())
         for (const json& file : entry["files"]) {
@@ -68,7 +74,7 @@ std::optional<LocalModelManifest> decodeManifest(const json& entry) {
                                       file.contains("size_bytes") && file["size_bytes"].is_number_integer()
                                           ? file["size_bytes"].get<int64_t>()
                                           : -1,
-                                      lowercased(file.value("sha256", ""))});
+                                      lowercased(textMember(file, "sha256"))});
         }
     return manifest;
 }
@@ -91,7 +97,7 @@ bool recordMatches(const json& record, const LocalModelManifest::File& file, con
     if (!sizeBytes || !mtime || !ctime || !inode || !device) return false;
     Identity recorded{*sizeBytes, *mtime, *ctime, static_cast<uint64_t>(*inode), static_cast<uint64_t>(*device)};
     return recorded == now && now.sizeBytes == file.sizeBytes && !file.sha256.empty() &&
-           lowercased(record.value("sha256", "")) == file.sha256;
+           lowercased(textMember(record, "sha256")) == file.sha256;
 }
 
 }  // namespace
@@ -104,7 +110,7 @@ std::optional<LocalModelManifest> LocalModelStore::manifest(const std::string& m
     json all = readJSON(manifestsPath());
     if (!all.contains("models") || !all["models"].is_array()) return std::nullopt;
     for (const json& entry : all["models"])
-        if (entry.is_object() && entry.value("model", "") == model) return decodeManifest(entry);
+        if (entry.is_object() && textMember(entry, "model") == model) return decodeManifest(entry);
     return std::nullopt;
 }
 
@@ -113,7 +119,7 @@ void LocalModelStore::saveManifest(const LocalModelManifest& manifest) const {
     json models = json::array();
     if (all.contains("models") && all["models"].is_array())
         for (const json& entry : all["models"])
-            if (!(entry.is_object() && entry.value("model", "") == manifest.model)) models.push_back(entry);
+            if (!(entry.is_object() && textMember(entry, "model") == manifest.model)) models.push_back(entry);
     models.push_back(encodeManifest(manifest));
     writeJSON(manifestsPath(), {{"models", models}});
 }

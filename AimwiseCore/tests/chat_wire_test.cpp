@@ -103,6 +103,7 @@ ModelBackendError parseError(const std::string& body) {
 TEST(ChatReplyParser, RefusesWhatIsNotAnAnswer) {
     EXPECT_EQ(parseError("[]"), ModelBackendError::invalidResponse("response was not a JSON object"));
     EXPECT_NE(parseError("{oops").description().find("parse error"), std::string::npos);
+    EXPECT_NE(parseError(R"({"usage":{"cost":1e400}})").description().find("number overflow"), std::string::npos);
     EXPECT_EQ(parseError(R"({"choices":[]})"), ModelBackendError::invalidResponse("response had no choices"));
     EXPECT_EQ(parseError(R"({"choices":[1]})"), ModelBackendError::invalidResponse("response had no choices"));
     EXPECT_EQ(parseError(R"({"choices":[{"message":{"content":"hi"}}],"error":{"message":"quota"}})"),

@@ -58,6 +58,8 @@ TEST_F(EventLogRead, RendersTheDeclaredTaskWithItsEstimateAndWhy) {
     const JSONValue nothing = JSONValue::Object{{"why", "x"}};
     EXPECT_FALSE(EventLog::taskFileBody("task_declared", &nothing, declaredAt));
     EXPECT_FALSE(EventLog::taskFileBody("task_declared", nullptr, declaredAt));
+    const JSONValue endless = JSONValue::Object{{"task", "read"}, {"horizon_minutes", 1e300}};
+    EXPECT_EQ(EventLog::taskFileBody("task_declared", &endless, declaredAt), "Task: read\nDeclared: 2026-11-22 2:05PM ET\n");
     EXPECT_EQ(EventLog::taskFileBody("task_cleared", nullptr, declaredAt), "");
     EXPECT_FALSE(EventLog::taskFileBody("coach_checkin", &detail, declaredAt));
 }
@@ -77,6 +79,12 @@ TEST_F(EventLogRead, TheNewestTaskEventWinsAndMentionsInChatDoNot) {
 
     append(path, event(5, "task_declared", R"({"why":"no task text"})"));
     EXPECT_FALSE(EventLog::read(path)) << "an accepted line that renders nothing wins too";
+
+    EventLog::resetForTesting();
+    append(path, R"({"ts_ms":6,"type":"task_cleared"} )");
+    EXPECT_EQ(EventLog::read(path), "") << "a torn last line that parses counts";
+    append(path, "then garbage\n");
+    EXPECT_FALSE(EventLog::read(path)) << "until it is finished as something else";
 }
 
 TEST_F(EventLogRead, ARecentTaskCostsOneWindowAndAnAppendOnlyItsNewBytes) {

@@ -164,6 +164,8 @@ TEST(ModelIntegrityGuardNote, ReadersAcceptBothKindsAndBothDateForms) {
     EXPECT_EQ(note->atMs, 1763791200000);
     testing::writeFile(dir / "bad.json", R"({"kind":"other","model":"m","message":"x","at":0})");
     EXPECT_FALSE(Guard::readRefusalNote(dir / "bad.json"));
+    testing::writeFile(dir / "far.json", R"({"kind":"cannotVerify","model":"m","message":"x","at":1e300})");
+    EXPECT_FALSE(Guard::readRefusalNote(dir / "far.json"));
     EXPECT_FALSE(Guard::readRefusalNote(dir / "absent.json"));
 }
 

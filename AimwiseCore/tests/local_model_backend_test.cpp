@@ -423,7 +423,7 @@ TEST_P(LocalModelBackendTest, ACancelledTokenSendsNothing) {
 
 // ---- context fit ----
 
-json overflowBody(int promptTokens, int contextTokens) {
+json overflowBody(int promptTokens, int64_t contextTokens) {
     return {{"error",
              {{"code", 400},
               {"message", "the request exceeds the available context size, try increasing it"},
@@ -472,6 +472,18 @@ TEST_P(LocalModelBackendTest, OverflowRetriesAreBounded) {
     EXPECT_TRUE(chatError(*model, messages).asHTTPError());
     EXPECT_EQ(server.requests().size(), 1u + LocalContextFit::maxRetries);
     EXPECT_EQ(model->cachedContextSize(), 4096);
+}
+
+// A context no server has cannot break the arithmetic that sizes the trim: nothing older fits it.
+TEST_P(LocalModelBackendTest, AnAbsurdContextDropsEveryOlderTurnAtOnce) {
+    server.setHandler("/v1/chat/completions", [](const ScriptedModelServer::Request& request) {
+        if (request.json()["messages"].size() > 2) return Reply::json(400, overflowBody(9000, INT64_MIN).dump());
+        return Reply::json(200, ScriptedModelServer::completionBody("fits"));
+    });
+    const std::vector<ChatMessage> messages{ChatMessage::system("rules"), ChatMessage::user("q"), ChatMessage::assistant("a"),
+                                            ChatMessage::user("q"), ChatMessage::assistant("a"), ChatMessage::user("latest")};
+    EXPECT_EQ(backend()->chat(messages, std::nullopt, options).text, "fits");
+    EXPECT_EQ(server.requests().size(), 2u);
 }
 
 // An overflow with nothing left to drop, and a 400 that is no overflow: the server's error, sent once.

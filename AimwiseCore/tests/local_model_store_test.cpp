@@ -53,6 +53,13 @@ TEST_F(LocalModelStoreTest, ManifestsAreSavedReplacedAndReadBack) {
     EXPECT_TRUE(store.manifest("other"));
     testing::writeFile(store.manifestsPath(), "{ not json");
     EXPECT_FALSE(store.manifest("m:1b"));
+    // Members of the wrong type are absent, never thrown.
+    testing::writeFile(store.manifestsPath(), R"({"models":[{"model":5},{"model":"m:1b","file_name":3},
+        {"model":"other","file_name":"o.gguf","files":[{"name":"o.gguf","sha256":7}]}]})");
+    EXPECT_FALSE(store.manifest("m:1b"));
+    EXPECT_EQ(store.manifest("other"), (LocalModelManifest{"other", "o.gguf", {{"o.gguf", -1, ""}}}));
+    store.saveManifest(manifest);
+    EXPECT_EQ(store.manifest("m:1b"), manifest);
 }
 
 TEST_F(LocalModelStoreTest, FilesNeedVerifyingUntilTheyAreHashedOnce) {
@@ -114,6 +121,11 @@ TEST_F(LocalModelStoreTest, ARecordFromAnotherManifestDoesNotCount) {
 
 TEST_F(LocalModelStoreTest, ACorruptRecordFileMeansVerifyingAgain) {
     ASSERT_TRUE(store.verify(manifest, 1).ok());
+    std::string records = testing::readFile(store.verificationsPath());
+    const std::string digest = "\"" + manifest.files[0].sha256 + "\"";
+    ASSERT_NE(records.find(digest), std::string::npos);
+    testing::writeFile(store.verificationsPath(), records.replace(records.find(digest), digest.size(), "5"));
+    EXPECT_EQ(store.diskState(manifest), (State{State::NeedsVerification{{"model.gguf"}}})) << "a digest that is no text";
     testing::writeFile(store.verificationsPath(), "[]");
     EXPECT_EQ(store.diskState(manifest), (State{State::NeedsVerification{{"model.gguf", "mmproj.gguf"}}}));
 }

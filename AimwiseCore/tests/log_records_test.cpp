@@ -191,6 +191,8 @@ TEST_F(UTCZone, FrameInstantPrefersTheScreenshotTimeAndSaysHowFarToTrustIt) {
     EXPECT_EQ(shot.disclosure(shot.ms + 500), "Frame from when the classifier took its screenshot (verdict logged 0s later).");
     EXPECT_EQ(shot.disclosure(shot.ms + 499), "Frame from when the classifier took its screenshot.");
     EXPECT_EQ(shot.disclosure(std::nullopt), "Frame from when the classifier took its screenshot.");
+    EXPECT_EQ((ClassifierFrameInstant{INT64_MIN}.disclosure(1'795'327'944'000)),
+              "Frame from when the classifier took its screenshot (verdict logged 9223373832182720s later).");
     EXPECT_EQ(ClassifierFrameInstant::rawValue(shot.source), "screenshot");
 
     tick.screenshotAtMs.reset();
