@@ -1,6 +1,5 @@
 // Arbitrary bytes as a sealed video file: the reader ends cleanly or with a typed error, never
 // crashes, never allocates more than one chunk, and never hands out a chunk that failed its tag.
-// The reader's sources are compiled into this target so that the fuzzer sees their branches.
 #include <sys/mman.h>
 #include <unistd.h>
 
@@ -8,13 +7,10 @@
 #include <cstdint>
 #include <cstdlib>
 
-#include "CaptureShared/common/shared_library.cpp"
-#include "CaptureShared/video/aes_gcm.cpp"
-#include "CaptureShared/video/file_descriptor.cpp"
-#include "CaptureShared/video/video_encryption_format.cpp"
-#include "CaptureShared/video/video_stream_decryptor.cpp"
+#include "CaptureShared/video/file_descriptor.h"
+#include "CaptureShared/video/video_stream_decryptor.h"
 
-// The seeds in fuzz/seeds/video_chunk are sealed with this key: bytes 0, 1, ..., 31.
+// The seeds in fuzz/seeds/video_chunk_fuzz are sealed with this key: bytes 0, 1, ..., 31.
 static const aimwise::VideoArchiveKey fuzzKey = [] {
     aimwise::VideoArchiveKey::Bytes bytes;
     for (size_t i = 0; i < bytes.size(); ++i) bytes[i] = static_cast<uint8_t>(i);
