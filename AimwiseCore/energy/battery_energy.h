@@ -1,0 +1,36 @@
+#pragma once
+// What two battery readings say about the energy drawn between them. Batteries count energy
+// (energy_now) or charge (charge_now); charge becomes energy at the mean of the two voltages, since
+// the voltage sags under load and a product per reading would count the sag as energy.
+#include <optional>
+#include <string>
+#include <variant>
+
+#include "platform/power_source.h"
+
+namespace aimwise::BatteryEnergy {
+
+// Full capacities further apart than this belong to different batteries, or to a recalibration.
+inline constexpr double sameBatteryTolerance = 0.05;
+
+// From the battery's own status: "Discharging" is on battery; "Charging", "Full" and "Not charging"
+// are on mains power; anything else is unknown.
+std::optional<bool> onACFromStatus(const std::optional<std::string>& status);
+// On battery per the reading's status, else per the run's onAC.
+bool onBattery(const PowerSource::BatteryReading& reading, std::optional<bool> runOnAC);
+
+// The full capacity in mWh, when the battery says.
+std::optional<double> fullMwh(const PowerSource::BatteryReading& reading);
+// Unknown capacities say nothing against being the same battery.
+bool sameBattery(const PowerSource::BatteryReading& a, const PowerSource::BatteryReading& b);
+
+enum class Unmeasured { noCounters, onAC, differentBattery, rose };
+using Drawn = std::variant<double, Unmeasured>;  // mWh
+
+// Energy drawn from the battery between the two readings, for a span spent on battery.
+Drawn drawn(const PowerSource::BatteryReading& before, const PowerSource::BatteryReading& after);
+// The same for a run: nothing is measured on mains power, where the battery sees no cost.
+Drawn drawnDuringRun(const std::optional<PowerSource::BatteryReading>& before,
+                     const std::optional<PowerSource::BatteryReading>& after, std::optional<bool> onAC);
+
+}  // namespace aimwise::BatteryEnergy
