@@ -52,7 +52,7 @@ Run::~Run() {
 
 EnergyRow Run::judged(const Row& row) {
     written_ = true;
-    const EnergyRow times = meter_.measure();
+    const EnergyRow times = meter_.measureTimes();
     EnergyRow energy = energyRow(row);
     energy.wallMs = times.wallMs;
     energy.cpuMs = times.cpuMs;

@@ -52,13 +52,19 @@ std::optional<bool> EnergyMeter::readOnAC(const std::optional<PowerSource::Batte
     return battery ? BatteryEnergy::onACFromStatus(battery->status) : std::nullopt;
 }
 
-EnergyRow EnergyMeter::measure(const Facts& facts) const {
+EnergyRow EnergyMeter::measureTimes() const {
     EnergyRow row;
     row.kind = kind_;
     const ProcessCPU cpu = probe_.cpu();
     row.wallMs = std::max<int64_t>(0, clock_.monotonicMs() - startMonotonicMs_);
     row.cpuMs = std::max<int64_t>(0, cpu.selfMs - startCPU_.selfMs);
     row.childCpuMs = std::max<int64_t>(0, cpu.childrenMs - startCPU_.childrenMs);
+    row.atMs = clock_.wallMs();
+    return row;
+}
+
+EnergyRow EnergyMeter::measure(const Facts& facts) const {
+    EnergyRow row = measureTimes();
     if (readings_ == Readings::battery) {
         if (probe_.battery) row.after = probe_.battery();
         row.before = before_;
@@ -66,9 +72,8 @@ EnergyRow EnergyMeter::measure(const Facts& facts) const {
         // A plug pulled or pushed during the run leaves it neither on battery nor on mains.
         if (onACBefore_ && onACAfter && *onACBefore_ == *onACAfter) row.onAC = onACBefore_;
         row.startMs = startWallMs_;
+        row.endMs = row.atMs;
     }
-    row.atMs = clock_.wallMs();
-    if (readings_ == Readings::battery) row.endMs = row.atMs;
     row.model = facts.model;
     if (facts.usage) {
         row.promptTokens = facts.usage->promptTokens;

@@ -61,6 +61,8 @@ public:
 
     // The row as of now, without writing it.
     EnergyRow measure(const Facts& facts = {}) const;
+    // Only the times, reading neither the battery nor the power supply.
+    EnergyRow measureTimes() const;
     // Appends measure(facts) to the kind's file and returns it.
     EnergyRow finish(const Facts& facts = {}) const;
 

@@ -25,9 +25,17 @@ bool hasCounters(const PowerSource::BatteryReading& reading) {
     return reading.energyMwh || (reading.chargeMah && reading.voltageMv);
 }
 
-// A wall-clock span only when the clock did not go back within it.
+// The wall clock went back, or forward by more than the run lasted: its span cannot be placed.
+inline constexpr int64_t clockSlackMs = 60'000;
+
+bool clockJumped(const EnergyRow& row) {
+    if (!row.startMs || !row.endMs) return false;
+    if (*row.endMs < *row.startMs) return true;
+    return row.wallMs && *row.endMs - *row.startMs > *row.wallMs + clockSlackMs;
+}
+
 std::optional<Span> readingSpan(const EnergyRow& row) {
-    if (!row.startMs || !row.endMs || *row.endMs < *row.startMs) return std::nullopt;
+    if (!row.startMs || !row.endMs || clockJumped(row)) return std::nullopt;
     return Span{*row.startMs, *row.endMs};
 }
 
@@ -92,7 +100,7 @@ public:
                 figures->cpuMeasured = true;
             }
         }
-        if (!row.wallMs && row.startMs && row.endMs && *row.endMs < *row.startMs) ++report_.runsWithClockGoingBack;
+        if (clockJumped(row)) ++report_.runsWithClockJump;
         if (row.kind == EnergyKind::skipped) return;
 
         const BatteryEnergy::Drawn drawn = BatteryEnergy::drawnDuringRun(row.before, row.after, row.onAC);
@@ -118,6 +126,7 @@ public:
         std::vector<Point> points;
         std::vector<double> capacities;
         for (const EnergyRow* row : rows) {
+            if (clockJumped(*row)) continue;
             const auto add = [&](const std::optional<PowerSource::BatteryReading>& reading, std::optional<int64_t> at) {
                 if (!reading) return;
                 if (hasCounters(*reading)) sawCounters_ = true;

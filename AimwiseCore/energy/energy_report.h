@@ -81,7 +81,7 @@ struct Report {
     std::vector<std::string> unreadableFiles;
     int64_t runsWithMismatchedReadings = 0;
     int64_t batteryChanges = 0;
-    int64_t runsWithClockGoingBack = 0;
+    int64_t runsWithClockJump = 0;
 };
 
 // The middle value, or the mean of the two middle ones.

@@ -229,13 +229,15 @@ std::string notes(const Report& report) {
                         (report.runsWithMismatchedReadings == 1 ? "it" : "them") +
                         " do not belong together (another battery, a recalibration, or a counter that rose).");
     if (report.batteryChanges > 0)
-        lines.push_back("The battery's capacity changed " + plural(report.batteryChanges, "time", "times") +
+        lines.push_back("The battery's capacity changed " +
+                        (report.batteryChanges == 1 ? std::string("once") : plural(report.batteryChanges, "time", "times")) +
                         " between readings (another battery, or a recalibration): energy was not compared across "
                         "a change.");
-    if (report.runsWithClockGoingBack > 0)
-        lines.push_back(plural(report.runsWithClockGoingBack, "run is", "runs are") +
-                        " counted without a duration: the clock went back while " +
-                        (report.runsWithClockGoingBack == 1 ? "it" : "they") + " ran.");
+    if (const int64_t n = report.runsWithClockJump; n > 0)
+        lines.push_back(plural(n, "run", "runs") + " saw the clock jump while " + (n == 1 ? "it" : "they") +
+                        " ran: " + (n == 1 ? "its" : "their") +
+                        " battery readings are left out of the period's totals, and " + (n == 1 ? "its" : "their") +
+                        " time counts only where the monotonic clock measured it.");
     if (lines.empty()) return "";
     std::string out = "\nNotes:\n";
     for (size_t i = 0; i < lines.size(); ++i) out += wrapped(fmt::format("  {}. ", i + 1), lines[i]);
