@@ -1,5 +1,6 @@
 #include "AimwiseCore/energy/battery_energy.h"
 
+#include <algorithm>
 #include <cmath>
 
 namespace aimwise::BatteryEnergy {
@@ -17,14 +18,18 @@ bool onBattery(const PowerSource::BatteryReading& reading, std::optional<bool> r
     return runOnAC == false;
 }
 
-std::optional<double> fullMwh(const PowerSource::BatteryReading& reading) {
-    if (reading.energyFullMwh && *reading.energyFullMwh > 0) return static_cast<double>(*reading.energyFullMwh);
-    if (reading.chargeFullMah && *reading.chargeFullMah > 0 && reading.voltageMv && *reading.voltageMv > 0)
-        return static_cast<double>(*reading.chargeFullMah) * static_cast<double>(*reading.voltageMv) / 1000.0;
+Counters Counters::of(const PowerSource::BatteryReading& reading) {
+    return {reading.energyMwh, reading.energyFullMwh, reading.chargeMah, reading.chargeFullMah, reading.voltageMv};
+}
+
+std::optional<double> fullMwh(const Counters& counters) {
+    if (counters.energyFullMwh && *counters.energyFullMwh > 0) return static_cast<double>(*counters.energyFullMwh);
+    if (counters.chargeFullMah && *counters.chargeFullMah > 0 && counters.voltageMv && *counters.voltageMv > 0)
+        return static_cast<double>(*counters.chargeFullMah) * static_cast<double>(*counters.voltageMv) / 1000.0;
     return std::nullopt;
 }
 
-bool sameBattery(const PowerSource::BatteryReading& a, const PowerSource::BatteryReading& b) {
+bool sameBattery(const Counters& a, const Counters& b) {
     const auto close = [](const std::optional<int64_t>& x, const std::optional<int64_t>& y) {
         if (!x || !y || *x <= 0 || *y <= 0) return true;
         const double larger = static_cast<double>(std::max(*x, *y));
@@ -33,7 +38,7 @@ bool sameBattery(const PowerSource::BatteryReading& a, const PowerSource::Batter
     return close(a.energyFullMwh, b.energyFullMwh) && close(a.chargeFullMah, b.chargeFullMah);
 }
 
-Drawn drawn(const PowerSource::BatteryReading& before, const PowerSource::BatteryReading& after) {
+Drawn drawn(const Counters& before, const Counters& after) {
     std::optional<double> mwh;
     if (before.energyMwh && after.energyMwh) {
         mwh = static_cast<double>(*before.energyMwh - *after.energyMwh);
@@ -50,7 +55,7 @@ Drawn drawn(const PowerSource::BatteryReading& before, const PowerSource::Batter
 Drawn drawnDuringRun(const std::optional<PowerSource::BatteryReading>& before,
                      const std::optional<PowerSource::BatteryReading>& after, std::optional<bool> onAC) {
     if (!before || !after) return Unmeasured::noCounters;
-    const Drawn result = drawn(*before, *after);
+    const Drawn result = drawn(Counters::of(*before), Counters::of(*after));
     if (std::holds_alternative<Unmeasured>(result) && std::get<Unmeasured>(result) == Unmeasured::noCounters)
         return result;
     if (!onBattery(*before, onAC) || !onBattery(*after, onAC)) return Unmeasured::onAC;

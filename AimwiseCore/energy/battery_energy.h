@@ -19,16 +19,25 @@ std::optional<bool> onACFromStatus(const std::optional<std::string>& status);
 // On battery per the reading's status, else per the run's onAC.
 bool onBattery(const PowerSource::BatteryReading& reading, std::optional<bool> runOnAC);
 
+// The counters that energy is worked out from, without the rest of a reading.
+struct Counters {
+    std::optional<int64_t> energyMwh, energyFullMwh, chargeMah, chargeFullMah, voltageMv;
+
+    static Counters of(const PowerSource::BatteryReading& reading);
+    // Energy, or charge with the voltage to make it energy.
+    bool any() const { return energyMwh || (chargeMah && voltageMv); }
+};
+
 // The full capacity in mWh, when the battery says.
-std::optional<double> fullMwh(const PowerSource::BatteryReading& reading);
+std::optional<double> fullMwh(const Counters& counters);
 // Unknown capacities say nothing against being the same battery.
-bool sameBattery(const PowerSource::BatteryReading& a, const PowerSource::BatteryReading& b);
+bool sameBattery(const Counters& a, const Counters& b);
 
 enum class Unmeasured { noCounters, onAC, differentBattery, rose };
 using Drawn = std::variant<double, Unmeasured>;  // mWh
 
 // Energy drawn from the battery between the two readings, for a span spent on battery.
-Drawn drawn(const PowerSource::BatteryReading& before, const PowerSource::BatteryReading& after);
+Drawn drawn(const Counters& before, const Counters& after);
 // The same for a run: nothing is measured on mains power, where the battery sees no cost.
 Drawn drawnDuringRun(const std::optional<PowerSource::BatteryReading>& before,
                      const std::optional<PowerSource::BatteryReading>& after, std::optional<bool> onAC);

@@ -11,22 +11,18 @@ namespace {
 
 using BatteryEnergy::Unmeasured;
 
+// The wall clock went back, or forward by more than the run lasted: its span cannot be placed.
+constexpr int64_t clockSlackMs = 60'000;
+
 struct Point {
     int64_t atMs;
-    const PowerSource::BatteryReading* reading;
+    BatteryEnergy::Counters counters;
     bool onBattery;
 };
 
 struct Span {
     int64_t startMs, endMs;
 };
-
-bool hasCounters(const PowerSource::BatteryReading& reading) {
-    return reading.energyMwh || (reading.chargeMah && reading.voltageMv);
-}
-
-// The wall clock went back, or forward by more than the run lasted: its span cannot be placed.
-inline constexpr int64_t clockSlackMs = 60'000;
 
 bool clockJumped(const EnergyRow& row) {
     if (!row.startMs || !row.endMs) return false;
@@ -39,7 +35,7 @@ std::optional<Span> readingSpan(const EnergyRow& row) {
     return Span{*row.startMs, *row.endMs};
 }
 
-// The monotonic duration when the row has one; a wall-clock one only when it runs forwards.
+// The monotonic duration when the row has one; a wall-clock one only when it can be trusted.
 std::optional<int64_t> runTime(const EnergyRow& row) {
     if (row.wallMs && *row.wallMs >= 0) return row.wallMs;
     if (const auto span = readingSpan(row)) return span->endMs - span->startMs;
@@ -51,19 +47,14 @@ std::optional<int64_t> runCPU(const EnergyRow& row) {
     return std::max<int64_t>(0, row.cpuMs.value_or(0)) + std::max<int64_t>(0, row.childCpuMs.value_or(0));
 }
 
-// Spans in which some work other than a skip ran, merged and sorted.
-std::vector<Span> workSpans(const std::vector<const EnergyRow*>& rows) {
-    std::vector<Span> spans;
-    for (const EnergyRow* row : rows)
-        if (row->kind != EnergyKind::skipped)
-            if (const auto span = readingSpan(*row)) spans.push_back(*span);
+std::vector<Span> merged(std::vector<Span> spans) {
     std::sort(spans.begin(), spans.end(), [](const Span& a, const Span& b) { return a.startMs < b.startMs; });
-    std::vector<Span> merged;
+    std::vector<Span> out;
     for (const Span& span : spans) {
-        if (!merged.empty() && span.startMs <= merged.back().endMs) merged.back().endMs = std::max(merged.back().endMs, span.endMs);
-        else merged.push_back(span);
+        if (!out.empty() && span.startMs <= out.back().endMs) out.back().endMs = std::max(out.back().endMs, span.endMs);
+        else out.push_back(span);
     }
-    return merged;
+    return out;
 }
 
 bool covered(const std::vector<Span>& spans, int64_t fromMs, int64_t toMs) {
@@ -71,23 +62,59 @@ bool covered(const std::vector<Span>& spans, int64_t fromMs, int64_t toMs) {
                                [](int64_t at, const Span& span) { return at < span.startMs; });
     if (it == spans.begin()) return false;
     --it;
-    return it->startMs <= fromMs && toMs <= it->endMs;
+    return toMs <= it->endMs;
 }
 
-class Builder {
+// The few costliest runs seen so far, costliest first. Of equal costs the later run goes first: rows
+// come newest first, so most of the many equal readings then cost no copy.
+class Costliest {
 public:
-    Builder(Report& report) : report_(report) {}
+    void offer(double cost, const EnergyRow& row, const std::optional<double>& energyMwh) {
+        const auto before = [&](const Entry& entry) {
+            return cost > entry.cost || (cost == entry.cost && row.atMs > entry.run.row.atMs);
+        };
+        if (entries_.size() == expensiveRunsShown && !before(entries_.back())) return;
+        const auto at = std::find_if(entries_.begin(), entries_.end(), before);
+        entries_.insert(at, {cost, {row, energyMwh, runTime(row), runCPU(row)}});
+        if (entries_.size() > expensiveRunsShown) entries_.pop_back();
+    }
+    bool empty() const { return entries_.empty(); }
+    std::vector<CostlyRun> runs() const {
+        std::vector<CostlyRun> out;
+        for (const Entry& entry : entries_) out.push_back(entry.run);
+        return out;
+    }
+
+private:
+    struct Entry {
+        double cost;
+        CostlyRun run;
+    };
+    std::vector<Entry> entries_;
+};
+
+}  // namespace
+
+struct ReportBuilder::State {
+    Report report;
+    std::vector<Point> points;
+    std::vector<Span> workSpans;
+    std::vector<double> capacities;
+    std::vector<int64_t> useSpans;
+    Costliest byEnergy, byCPU;
+    bool sawCounters = false;
 
     size_t dayOf(int64_t atMs) const {
-        const auto& days = report_.days;
+        const auto& days = report.days;
         const auto it = std::upper_bound(days.begin(), days.end(), atMs,
                                          [](int64_t at, const Day& day) { return at < day.startMs; });
         return it == days.begin() ? 0 : static_cast<size_t>(it - days.begin() - 1);
     }
 
     void count(const EnergyRow& row) {
-        Figures& day = report_.perDay[dayOf(row.atMs)];
-        for (Figures* figures : {&day, &report_.total}) {
+        Figures& day = report.perDay[dayOf(row.atMs)];
+        const std::optional<int64_t> cpu = runCPU(row);
+        for (Figures* figures : {&day, &report.total}) {
             switch (row.kind) {
                 case EnergyKind::judged: ++figures->judged; break;
                 case EnergyKind::skipped: ++figures->skipped; break;
@@ -95,113 +122,116 @@ public:
                 case EnergyKind::turn: ++figures->turns; break;
                 case EnergyKind::pass: ++figures->passes; break;
             }
-            if (const auto cpu = runCPU(row)) {
+            if (cpu) {
                 figures->cpuMs += *cpu;
                 figures->cpuMeasured = true;
             }
         }
-        if (clockJumped(row)) ++report_.runsWithClockJump;
         if (row.kind == EnergyKind::skipped) return;
 
         const BatteryEnergy::Drawn drawn = BatteryEnergy::drawnDuringRun(row.before, row.after, row.onAC);
-        std::optional<double> energy;
-        if (const double* mwh = std::get_if<double>(&drawn)) energy = *mwh;
-        const auto unmeasured = std::get_if<Unmeasured>(&drawn);
+        const double* energy = std::get_if<double>(&drawn);
+        const auto* unmeasured = std::get_if<Unmeasured>(&drawn);
         if (unmeasured && (*unmeasured == Unmeasured::differentBattery || *unmeasured == Unmeasured::rose))
-            ++report_.runsWithMismatchedReadings;
+            ++report.runsWithMismatchedReadings;
         if (row.kind == EnergyKind::judged) {
-            for (Figures* figures : {&day, &report_.total}) {
+            const std::optional<int64_t> time = runTime(row);
+            for (Figures* figures : {&day, &report.total}) {
                 if (energy) figures->checkEnergyMwh.push_back(*energy);
                 if (unmeasured && *unmeasured == Unmeasured::onAC) ++figures->checksOnAC;
-                if (const auto time = runTime(row)) figures->checkTimeMs.push_back(static_cast<double>(*time));
-                if (const auto cpu = runCPU(row)) figures->checkCpuMs.push_back(static_cast<double>(*cpu));
+                if (time) figures->checkTimeMs.push_back(static_cast<double>(*time));
+                if (cpu) figures->checkCpuMs.push_back(static_cast<double>(*cpu));
             }
         }
-        candidates_.push_back({&row, energy, runTime(row), runCPU(row)});
+        if (energy) byEnergy.offer(*energy, row, *energy);
+        if (cpu && *cpu > 0) byCPU.offer(static_cast<double>(*cpu), row, energy ? std::optional(*energy) : std::nullopt);
+    }
+
+    void remember(const EnergyRow& row) {
+        if (clockJumped(row)) {
+            ++report.runsWithClockJump;
+            return;
+        }
+        if (row.kind != EnergyKind::skipped)
+            if (const auto span = readingSpan(row)) workSpans.push_back(*span);
+        const auto add = [&](const std::optional<PowerSource::BatteryReading>& reading, std::optional<int64_t> at) {
+            if (!reading) return;
+            const BatteryEnergy::Counters counters = BatteryEnergy::Counters::of(*reading);
+            sawCounters = sawCounters || counters.any();
+            if (const auto full = BatteryEnergy::fullMwh(counters)) capacities.push_back(*full);
+            points.push_back({at.value_or(row.atMs), counters, BatteryEnergy::onBattery(*reading, row.onAC)});
+        };
+        add(row.before, row.startMs);
+        add(row.after, row.endMs);
     }
 
     // Consecutive readings on battery, in time order, tell what the battery gave; those inside a
     // span of work tell what it gave while the work ran.
-    void followBattery(const std::vector<const EnergyRow*>& rows) {
-        std::vector<Point> points;
-        std::vector<double> capacities;
-        for (const EnergyRow* row : rows) {
-            if (clockJumped(*row)) continue;
-            const auto add = [&](const std::optional<PowerSource::BatteryReading>& reading, std::optional<int64_t> at) {
-                if (!reading) return;
-                if (hasCounters(*reading)) sawCounters_ = true;
-                if (const auto full = BatteryEnergy::fullMwh(*reading)) capacities.push_back(*full);
-                points.push_back({at.value_or(row->atMs), &*reading, BatteryEnergy::onBattery(*reading, row->onAC)});
-            };
-            add(row->before, row->startMs);
-            add(row->after, row->endMs);
-        }
-        std::stable_sort(points.begin(), points.end(), [](const Point& a, const Point& b) { return a.atMs < b.atMs; });
-        report_.fullBatteryMwh = median(capacities);
-
-        const std::vector<Span> spans = workSpans(rows);
-        for (size_t i = 0; i + 1 < points.size(); ++i) {
-            const Point& from = points[i];
-            const Point& to = points[i + 1];
+    void followBattery() {
+        // By time, and in the order they came for equal times; sorting keys is cheaper than points.
+        std::vector<std::pair<int64_t, uint32_t>> order;
+        order.reserve(points.size());
+        for (size_t i = 0; i < points.size(); ++i) order.emplace_back(points[i].atMs, static_cast<uint32_t>(i));
+        std::sort(order.begin(), order.end());
+        const std::vector<Span> spans = merged(std::move(workSpans));
+        for (size_t i = 0; i + 1 < order.size(); ++i) {
+            const Point& from = points[order[i].second];
+            const Point& to = points[order[i + 1].second];
             const int64_t gapMs = to.atMs - from.atMs;
             if (!from.onBattery || !to.onBattery || gapMs <= 0) continue;
             const bool duringWork = covered(spans, from.atMs, to.atMs);
             if (!duringWork && gapMs > maxReadingGapMs) continue;
-            const BatteryEnergy::Drawn drawn = BatteryEnergy::drawn(*from.reading, *to.reading);
-            if (const auto unmeasured = std::get_if<Unmeasured>(&drawn)) {
-                if (*unmeasured == Unmeasured::differentBattery) ++report_.batteryChanges;
+            const BatteryEnergy::Drawn drawn = BatteryEnergy::drawn(from.counters, to.counters);
+            if (const auto* unmeasured = std::get_if<Unmeasured>(&drawn)) {
+                if (*unmeasured == Unmeasured::differentBattery) ++report.batteryChanges;
                 continue;
             }
             const double mwh = std::get<double>(drawn);
-            report_.batteryGaveMwh += mwh;
-            report_.onBatteryMs += gapMs;
+            report.batteryGaveMwh += mwh;
+            report.onBatteryMs += gapMs;
             if (!duringWork) continue;
-            for (Figures* figures : {&report_.perDay[dayOf(from.atMs)], &report_.total}) {
+            for (Figures* figures : {&report.perDay[dayOf(from.atMs)], &report.total}) {
                 figures->workMwh += mwh;
                 figures->workMeasured = true;
             }
         }
     }
-
-    bool sawCounters() const { return sawCounters_; }
-
-    // The costliest by energy when anything was measured, else by CPU time; ties go to the earlier.
-    void pickCostliest() {
-        const bool byEnergy = std::any_of(candidates_.begin(), candidates_.end(),
-                                          [](const Candidate& run) { return run.energyMwh.has_value(); });
-        const auto cost = [byEnergy](const Candidate& run) -> std::optional<double> {
-            if (byEnergy) return run.energyMwh;
-            if (run.cpuMs && *run.cpuMs > 0) return static_cast<double>(*run.cpuMs);
-            return std::nullopt;
-        };
-        std::erase_if(candidates_, [&](const Candidate& run) { return !cost(run); });
-        const size_t shown = std::min(expensiveRunsShown, candidates_.size());
-        std::partial_sort(candidates_.begin(), candidates_.begin() + static_cast<std::ptrdiff_t>(shown),
-                          candidates_.end(), [&](const Candidate& a, const Candidate& b) {
-                              if (*cost(a) != *cost(b)) return *cost(a) > *cost(b);
-                              return a.row->atMs < b.row->atMs;
-                          });
-        report_.costliestByEnergy = byEnergy;
-        for (size_t i = 0; i < shown; ++i) {
-            const Candidate& run = candidates_[i];
-            report_.costliest.push_back({*run.row, run.energyMwh, run.timeMs, run.cpuMs});
-        }
-    }
-
-private:
-    struct Candidate {
-        const EnergyRow* row;
-        std::optional<double> energyMwh;
-        std::optional<int64_t> timeMs;
-        std::optional<int64_t> cpuMs;
-    };
-
-    Report& report_;
-    std::vector<Candidate> candidates_;
-    bool sawCounters_ = false;
 };
 
-}  // namespace
+ReportBuilder::ReportBuilder(std::vector<Day> days, int64_t nowMs) : state_(std::make_unique<State>()) {
+    state_->report.days = std::move(days);
+    state_->report.nowMs = nowMs;
+    state_->report.perDay.resize(state_->report.days.size());
+}
+
+ReportBuilder::~ReportBuilder() = default;
+
+void ReportBuilder::add(const EnergyRow& row) {
+    const auto& days = state_->report.days;
+    if (days.empty() || row.atMs < days.front().startMs || row.atMs >= days.back().endMs) return;
+    state_->count(row);
+    state_->remember(row);
+    state_->useSpans.push_back(row.atMs / useSpanMs);
+}
+
+Report ReportBuilder::finish(const EnergyRowsReader::Result& reading) {
+    State& state = *state_;
+    Report& report = state.report;
+    report.unreadableLines = reading.unreadableLines;
+    report.unreadableFiles = reading.unreadableFiles;
+    std::sort(state.useSpans.begin(), state.useSpans.end());
+    report.useMs = static_cast<int64_t>(std::unique(state.useSpans.begin(), state.useSpans.end()) -
+                                        state.useSpans.begin()) * useSpanMs;
+    state.followBattery();
+    report.fullBatteryMwh = median(std::move(state.capacities));
+
+    report.costliestByEnergy = !state.byEnergy.empty();
+    report.costliest = report.costliestByEnergy ? state.byEnergy.runs() : state.byCPU.runs();
+    if (!state.sawCounters) report.counters = Counters::none;
+    else if (report.onBatteryMs == 0 && !report.costliestByEnergy) report.counters = Counters::onACOnly;
+    else report.counters = Counters::present;
+    return std::move(report);
+}
 
 std::optional<double> median(std::vector<double> values) {
     if (values.empty()) return std::nullopt;
@@ -231,47 +261,15 @@ std::vector<Day> localDays(int64_t nowMs, int count) {
     return days;
 }
 
-Report build(const EnergyRowsReader::Result& input, std::vector<Day> days, int64_t nowMs) {
-    Report report;
-    report.days = std::move(days);
-    report.nowMs = nowMs;
-    report.perDay.resize(report.days.size());
-    report.unreadableLines = input.unreadableLines;
-    report.unreadableFiles = input.unreadableFiles;
-    if (report.days.empty()) return report;
-
-    std::vector<const EnergyRow*> inPeriod;
-    for (const EnergyRow& row : input.rows)
-        if (row.atMs >= report.days.front().startMs && row.atMs < report.days.back().endMs) inPeriod.push_back(&row);
-    // Files interleave and clocks go back: the report's own order is by time, then by file order.
-    std::stable_sort(inPeriod.begin(), inPeriod.end(),
-                     [](const EnergyRow* a, const EnergyRow* b) { return a->atMs < b->atMs; });
-
-    Builder builder(report);
-    std::vector<int64_t> useSpans;
-    for (const EnergyRow* row : inPeriod) {
-        builder.count(*row);
-        useSpans.push_back(row->atMs / useSpanMs);
-    }
-    useSpans.erase(std::unique(useSpans.begin(), useSpans.end()), useSpans.end());
-    report.useMs = static_cast<int64_t>(useSpans.size()) * useSpanMs;
-    builder.followBattery(inPeriod);
-
-    builder.pickCostliest();
-    if (!builder.sawCounters()) report.counters = Counters::none;
-    else if (report.onBatteryMs == 0 && !report.costliestByEnergy) report.counters = Counters::onACOnly;
-    else report.counters = Counters::present;
-    return report;
-}
-
 std::string live(const std::filesystem::path& dataRoot, int64_t nowMs, int days) {
     std::vector<Day> calendar = localDays(nowMs, days);
     const int64_t sinceMs = calendar.empty() ? nowMs : calendar.front().startMs;
     std::error_code error;
     const bool exists = std::filesystem::is_directory(dataRoot, error);
-    const EnergyRowsReader::Result rows =
-        exists ? EnergyRowsReader::read(dataRoot, sinceMs, nowMs) : EnergyRowsReader::Result{};
-    return render(build(rows, std::move(calendar), nowMs), dataRoot, exists);
+    ReportBuilder builder(std::move(calendar), nowMs);
+    EnergyRowsReader::Result reading;
+    if (exists) reading = EnergyRowsReader::read(dataRoot, sinceMs, nowMs, [&](const EnergyRow& row) { builder.add(row); });
+    return render(builder.finish(reading), dataRoot, exists);
 }
 
 }  // namespace aimwise::ClassifierEnergyReport

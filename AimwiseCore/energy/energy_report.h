@@ -9,6 +9,7 @@
 // no counters at all the report says so and stands on CPU time.
 #include <cstdint>
 #include <filesystem>
+#include <memory>
 #include <optional>
 #include <string>
 #include <vector>
@@ -87,8 +88,22 @@ struct Report {
 // The middle value, or the mean of the two middle ones.
 std::optional<double> median(std::vector<double> values);
 
-// `rows` may hold rows outside the days and in any order.
-Report build(const EnergyRowsReader::Result& rows, std::vector<Day> days, int64_t nowMs);
+// Folds rows into a report one at a time, in any order, so that a fortnight of rows is never held
+// in memory. Rows outside the days are left out.
+class ReportBuilder {
+public:
+    ReportBuilder(std::vector<Day> days, int64_t nowMs);
+    ~ReportBuilder();
+    ReportBuilder(const ReportBuilder&) = delete;
+    ReportBuilder& operator=(const ReportBuilder&) = delete;
+
+    void add(const EnergyRow& row);
+    Report finish(const EnergyRowsReader::Result& reading);
+
+private:
+    struct State;
+    std::unique_ptr<State> state_;
+};
 std::string render(const Report& report, const std::filesystem::path& dataRoot, bool dataRootExists);
 
 // The report as the verb prints it.

@@ -2,6 +2,7 @@
 
 #include <charconv>
 #include <cmath>
+#include <cstring>
 
 #include "AimwiseCore/energy/battery_telemetry.h"
 #include "AimwiseCore/events/jsonl_append.h"
@@ -70,9 +71,61 @@ public:
         return i_ < s_.size() ? s_[i_] : '\0';
     }
 
-    bool string(std::string& out) {
-        out.clear();
+    // A view of the text between the quotes when it holds no escape, else of `scratch` holding it
+    // decoded.
+    bool text(std::string_view& out, std::string& scratch) {
         if (!eat('"')) return false;
+        const size_t start = i_;
+        const void* quote = std::memchr(s_.data() + i_, '"', s_.size() - i_);
+        const size_t end = quote ? static_cast<size_t>(static_cast<const char*>(quote) - s_.data()) : s_.size();
+        bool ascii = true;
+        for (; i_ < end; ++i_) {
+            const unsigned char c = static_cast<unsigned char>(s_[i_]);
+            if (c == '\\' || c < 0x20) break;
+            ascii = ascii && c < 0x80;
+        }
+        if (i_ == end && quote) {
+            out = s_.substr(start, i_++ - start);
+            return ascii || utf8::isValid(out);
+        }
+        scratch.assign(s_.substr(start, i_ - start));
+        if (!rest(scratch)) return false;
+        out = scratch;
+        return true;
+    }
+
+    bool string(std::string& out) {
+        std::string_view view;
+        if (!text(view, out)) return false;
+        if (view.data() != out.data()) out.assign(view);
+        return true;
+    }
+
+    // The optional-free integer most numbers here are; anything else goes through number().
+    bool integer(std::optional<int64_t>& out) {
+        space();
+        size_t j = i_;
+        const bool negative = j < s_.size() && s_[j] == '-';
+        if (negative) ++j;
+        const size_t digitsStart = j;
+        int64_t value = 0;
+        while (j < s_.size() && s_[j] >= '0' && s_[j] <= '9' && j - digitsStart < 15) value = value * 10 + (s_[j++] - '0');
+        const bool plain = j > digitsStart && (s_[digitsStart] != '0' || j == digitsStart + 1) &&
+                           (j == s_.size() || (s_[j] != '.' && s_[j] != 'e' && s_[j] != 'E' && (s_[j] < '0' || s_[j] > '9')));
+        if (plain) {
+            i_ = j;
+            out = negative ? -value : value;
+            return true;
+        }
+        double number_ = 0;
+        if (!number(number_)) return false;
+        if (std::fabs(number_) < 9.0e15) out = static_cast<int64_t>(std::trunc(number_));
+        return true;
+    }
+
+private:
+    // The rest of a string after its plain start, unescaping into `out`.
+    bool rest(std::string& out) {
         while (i_ < s_.size()) {
             const char c = s_[i_++];
             if (c == '"') return utf8::isValid(out);
@@ -112,6 +165,7 @@ public:
         return false;
     }
 
+public:
     bool number(double& out) {
         space();
         const size_t start = i_;
@@ -143,10 +197,11 @@ public:
 
     bool skipValue(int depth = 0) {
         if (depth > maxDepth) return false;
-        std::string ignored;
+        std::string scratch;
+        std::string_view ignored;
         double number_ = 0;
         switch (peek()) {
-            case '"': return string(ignored);
+            case '"': return text(ignored, scratch);
             case 't': return literal("true");
             case 'f': return literal("false");
             case 'n': return literal("null");
@@ -158,7 +213,7 @@ public:
                 } while (eat(','));
                 return eat(']');
             case '{':
-                return object([&](const std::string&) { return skipValue(depth + 1); });
+                return object([&](std::string_view) { return skipValue(depth + 1); });
             default: return number(number_);
         }
     }
@@ -168,9 +223,10 @@ public:
     bool object(Member&& member) {
         if (!eat('{')) return false;
         if (eat('}')) return true;
-        std::string key;
+        std::string scratch;
+        std::string_view key;
         do {
-            if (!string(key) || !eat(':') || !member(key)) return false;
+            if (!text(key, scratch) || !eat(':') || !member(key)) return false;
         } while (eat(','));
         return eat('}');
     }
@@ -204,10 +260,7 @@ private:
 // A known key with a value of another type is read as absent: a later version may change it.
 bool integer(Scanner& scan, std::optional<int64_t>& out) {
     if (scan.peek() != '-' && (scan.peek() < '0' || scan.peek() > '9')) return scan.skipValue();
-    double value = 0;
-    if (!scan.number(value)) return false;
-    if (std::fabs(value) < 9.0e15) out = static_cast<int64_t>(std::trunc(value));
-    return true;
+    return scan.integer(out);
 }
 
 bool text(Scanner& scan, std::optional<std::string>& out) {
@@ -228,7 +281,7 @@ bool flag(Scanner& scan, std::optional<bool>& out) {
 bool battery(Scanner& scan, std::optional<PowerSource::BatteryReading>& out) {
     if (scan.peek() != '{') return scan.skipValue();
     PowerSource::BatteryReading reading;
-    const bool ok = scan.object([&](const std::string& key) {
+    const bool ok = scan.object([&](std::string_view key) {
         if (key == "status") return text(scan, reading.status);
         if (key == "voltage_mv") return integer(scan, reading.voltageMv);
         if (key == "current_ma") return integer(scan, reading.currentMa);
@@ -272,7 +325,7 @@ std::optional<EnergyRow> decode(std::string_view line, std::optional<EnergyKind>
     EnergyRow row;
     std::optional<int64_t> version, atMs;
     std::optional<std::string> kind;
-    const bool ok = scan.object([&](const std::string& key) {
+    const bool ok = scan.object([&](std::string_view key) {
         if (key == "v") return integer(scan, version);
         if (key == "kind") return text(scan, kind);
         if (key == "atMs") return integer(scan, atMs);

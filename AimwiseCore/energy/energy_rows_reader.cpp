@@ -30,8 +30,9 @@ constexpr Source sources[] = {{"classifier-tick-energy.jsonl", EnergyKind::judge
 
 class Visitor {
 public:
-    Visitor(Result& result, std::optional<EnergyKind> defaultKind, int64_t sinceMs, int64_t untilMs)
-        : result_(result), defaultKind_(defaultKind), sinceMs_(sinceMs), untilMs_(untilMs) {}
+    Visitor(Result& result, std::optional<EnergyKind> defaultKind, int64_t sinceMs, int64_t untilMs,
+            const std::function<void(const EnergyRow&)>& visit)
+        : result_(result), defaultKind_(defaultKind), sinceMs_(sinceMs), untilMs_(untilMs), visit_(visit) {}
 
     // False once the rows are well past the period.
     bool line(std::string_view text) {
@@ -47,7 +48,7 @@ public:
         } else {
             olderInARow_ = 0;
         }
-        if (row->atMs >= sinceMs_ && row->atMs <= untilMs_) result_.rows.push_back(std::move(*row));
+        if (row->atMs >= sinceMs_ && row->atMs <= untilMs_) visit_(*row);
         return true;
     }
 
@@ -58,6 +59,7 @@ private:
     std::optional<EnergyKind> defaultKind_;
     int64_t sinceMs_;
     int64_t untilMs_;
+    const std::function<void(const EnergyRow&)>& visit_;
     int olderInARow_ = 0;
 };
 
@@ -83,8 +85,9 @@ std::optional<std::string> readBackwards(int fd, int64_t size, Visitor& visitor)
         std::string_view data(chunk);
         size_t end = data.size();
         while (true) {
-            const size_t newline = end == 0 ? std::string_view::npos : data.rfind('\n', end - 1);
-            if (newline == std::string_view::npos) break;
+            const void* found = end == 0 ? nullptr : ::memrchr(data.data(), '\n', end);
+            if (!found) break;
+            const size_t newline = static_cast<size_t>(static_cast<const char*>(found) - data.data());
             if (overlong) {
                 visitor.unreadable();
                 overlong = false;
@@ -104,7 +107,8 @@ std::optional<std::string> readBackwards(int fd, int64_t size, Visitor& visitor)
 
 }  // namespace
 
-Result read(const fs::path& dataRoot, int64_t sinceMs, int64_t untilMs) {
+Result read(const fs::path& dataRoot, int64_t sinceMs, int64_t untilMs,
+            const std::function<void(const EnergyRow&)>& visit) {
     Result result;
     for (const Source& source : sources) {
         const fs::path path = dataRoot / source.fileName;
@@ -121,7 +125,7 @@ Result read(const fs::path& dataRoot, int64_t sinceMs, int64_t untilMs) {
         } else if (!S_ISREG(info.st_mode)) {
             failure = "not a regular file";
         } else {
-            Visitor visitor(result, source.defaultKind, sinceMs, untilMs);
+            Visitor visitor(result, source.defaultKind, sinceMs, untilMs, visit);
             failure = readBackwards(fd, info.st_size, visitor);
         }
         ::close(fd);

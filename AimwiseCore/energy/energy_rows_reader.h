@@ -4,6 +4,7 @@
 // than a fortnight.
 #include <cstdint>
 #include <filesystem>
+#include <functional>
 #include <string>
 #include <vector>
 
@@ -17,13 +18,14 @@ inline constexpr int stopAfterOlderRows = 256;
 inline constexpr int64_t disorderMarginMs = 86'400'000;
 
 struct Result {
-    std::vector<EnergyRow> rows;  // in no particular order
     int64_t unreadableLines = 0;
     // "<file name>: <reason>" for a file that exists but could not be read.
     std::vector<std::string> unreadableFiles;
 };
 
-// Every row made in [sinceMs, untilMs] from the four energy files; nothing for a missing root.
-Result read(const std::filesystem::path& dataRoot, int64_t sinceMs, int64_t untilMs);
+// Calls `visit` with every row made in [sinceMs, untilMs] from the four energy files, newest lines
+// of each file first, but in no order to rely on. Nothing for a missing root.
+Result read(const std::filesystem::path& dataRoot, int64_t sinceMs, int64_t untilMs,
+            const std::function<void(const EnergyRow&)>& visit);
 
 }  // namespace aimwise::EnergyRowsReader
