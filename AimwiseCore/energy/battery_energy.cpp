@@ -52,6 +52,10 @@ Drawn drawn(const Counters& before, const Counters& after) {
     return *mwh;
 }
 
+bool plausible(double drawnMwh, int64_t overMs) {
+    return drawnMwh <= counterStepAllowanceMwh + mostPlausibleMw * static_cast<double>(std::max<int64_t>(0, overMs)) / 3'600'000.0;
+}
+
 Drawn drawnDuringRun(const std::optional<PowerSource::BatteryReading>& before,
                      const std::optional<PowerSource::BatteryReading>& after, std::optional<bool> onAC) {
     if (!before || !after) return Unmeasured::noCounters;

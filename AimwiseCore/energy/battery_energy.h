@@ -38,6 +38,12 @@ using Drawn = std::variant<double, Unmeasured>;  // mWh
 
 // Energy drawn from the battery between the two readings, for a span spent on battery.
 Drawn drawn(const Counters& before, const Counters& after);
+
+// No laptop draws more than this; a counter that fell faster misread. The allowance covers a
+// counter that refreshes in coarse steps, once a minute or so.
+inline constexpr double mostPlausibleMw = 500'000.0;
+inline constexpr double counterStepAllowanceMwh = 1'000.0;
+bool plausible(double drawnMwh, int64_t overMs);
 // The same for a run: nothing is measured on mains power, where the battery sees no cost.
 Drawn drawnDuringRun(const std::optional<PowerSource::BatteryReading>& before,
                      const std::optional<PowerSource::BatteryReading>& after, std::optional<bool> onAC);

@@ -132,10 +132,12 @@ struct ReportBuilder::State {
         const BatteryEnergy::Drawn drawn = BatteryEnergy::drawnDuringRun(row.before, row.after, row.onAC);
         const double* energy = std::get_if<double>(&drawn);
         const auto* unmeasured = std::get_if<Unmeasured>(&drawn);
-        if (unmeasured && (*unmeasured == Unmeasured::differentBattery || *unmeasured == Unmeasured::rose))
+        const std::optional<int64_t> time = runTime(row);
+        if (energy && !BatteryEnergy::plausible(*energy, time.value_or(0))) energy = nullptr;
+        if ((unmeasured && (*unmeasured == Unmeasured::differentBattery || *unmeasured == Unmeasured::rose)) ||
+            (!energy && !unmeasured))
             ++report.runsWithMismatchedReadings;
         if (row.kind == EnergyKind::judged) {
-            const std::optional<int64_t> time = runTime(row);
             for (Figures* figures : {&day, &report.total}) {
                 if (energy) figures->checkEnergyMwh.push_back(*energy);
                 if (unmeasured && *unmeasured == Unmeasured::onAC) ++figures->checksOnAC;
@@ -187,6 +189,10 @@ struct ReportBuilder::State {
                 continue;
             }
             const double mwh = std::get<double>(drawn);
+            if (!BatteryEnergy::plausible(mwh, gapMs)) {
+                ++report.counterJumps;
+                continue;
+            }
             report.batteryGaveMwh += mwh;
             report.onBatteryMs += gapMs;
             if (!duringWork) continue;

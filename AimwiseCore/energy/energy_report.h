@@ -82,6 +82,7 @@ struct Report {
     std::vector<std::string> unreadableFiles;
     int64_t runsWithMismatchedReadings = 0;
     int64_t batteryChanges = 0;
+    int64_t counterJumps = 0;
     int64_t runsWithClockJump = 0;
 };
 

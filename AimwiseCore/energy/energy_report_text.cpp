@@ -227,12 +227,18 @@ std::string notes(const Report& report) {
         lines.push_back(plural(report.runsWithMismatchedReadings, "run is", "runs are") +
                         " counted without energy: the battery readings around " +
                         (report.runsWithMismatchedReadings == 1 ? "it" : "them") +
-                        " do not belong together (another battery, a recalibration, or a counter that rose).");
+                        " do not belong together (another battery, a recalibration, or a counter that rose or fell faster than "
+                        "any laptop draws).");
     if (report.batteryChanges > 0)
         lines.push_back("The battery's capacity changed " +
                         (report.batteryChanges == 1 ? std::string("once") : plural(report.batteryChanges, "time", "times")) +
                         " between readings (another battery, or a recalibration): energy was not compared across "
                         "a change.");
+    if (const int64_t n = report.counterJumps; n > 0)
+        lines.push_back(n == 1 ? std::string("The battery's counter once fell faster than any laptop draws (a "
+                                             "misreading): that span is left out of the period's totals.")
+                               : "The battery's counter fell faster than any laptop draws " + plural(n, "time", "times") +
+                                     " (misreadings): those spans are left out of the period's totals.");
     if (const int64_t n = report.runsWithClockJump; n > 0)
         lines.push_back(plural(n, "run", "runs") + " saw the clock jump while " + (n == 1 ? "it" : "they") +
                         " ran: " + (n == 1 ? "its" : "their") +

@@ -92,6 +92,8 @@ TEST_F(EnergyReport, AFortnightWithAndWithoutCountersOnBatteryAndOnACIsReportedW
         energyReading("Charging", 50'010));
     run(EnergyKind::skipped, may1 + day + 9 * hour + minute, 9, std::nullopt, std::nullopt, 5, 0);
     run(EnergyKind::judged, may1 + 2 * day + 9 * hour, 5'000, chargeReading(4'000, 11'800), chargeReading(3'998, 11'600));
+    run(EnergyKind::judged, may1 + 2 * day + 11 * hour, 4'000, energyReading("Discharging", 40'000),
+        energyReading("Discharging", 0));  // a misread counter
     run(EnergyKind::judged, may1 + 4 * day + 9 * hour, 6'000);
     run(EnergyKind::turn, may1 + 4 * day + 9 * hour + minute, 20'000, std::nullopt, std::nullopt, 2'500, 0);
     // Mon: the battery is swapped between two checks, and during a third.
@@ -124,7 +126,7 @@ Data root: )" + root().string() + R"(
 Day         Judged  Skipped  Energy/check  Time/check  Turns  Gate calls  Passes  Battery      CPU
 Wed 01 May       3        3        12 mWh       4.0 s      1           1       1   81 mWh  2.0 min
 Thu 02 May       1        1         on AC       3.0 s      0           0       0    on AC    0.3 s
-Fri 03 May       1        0        23 mWh       5.0 s      0           0       0   23 mWh    0.3 s
+Fri 03 May       2        0        23 mWh       4.5 s      0           0       0   23 mWh    0.7 s
 Sat 04 May  nothing recorded
 Sun 05 May       1        0             —       6.0 s      1           0       0        —    2.8 s
 Mon 06 May       3        2       9.0 mWh       4.0 s      0           0       0   18 mWh    1.0 s
@@ -136,7 +138,7 @@ Sat 11 May  nothing recorded
 Sun 12 May  nothing recorded
 Mon 13 May  nothing recorded
 Tue 14 May       2        2        18 mWh       4.0 s      0           0       0   36 mWh    0.7 s
-Total           13        8        12 mWh       4.0 s      2           1       2  158 mWh  3.1 min
+Total           14        8        12 mWh       4.0 s      2           1       2  158 mWh  3.1 min
 
 Energy/check and Time/check are medians over judged checks. Energy is read from the battery,
 so only on battery: "on AC" marks checks on mains power, where the battery does not see
@@ -145,8 +147,8 @@ CPU is the time of Aimwise's own processes and the helpers they started, skipped
 included; the model server's work is not in it.
 
 Over the 14 days
-  In use: 1.4 h (five-minute spans in which any of Aimwise's work ran).
-  CPU: 3.1 min in all, 2.2 min per hour of use.
+  In use: 1.5 h (five-minute spans in which any of Aimwise's work ran).
+  CPU: 3.1 min in all, 2.1 min per hour of use.
   On battery: 38.5 min with readings, in which the battery gave 210 mWh.
   While Aimwise's work ran it gave 158 mWh, so Aimwise used at most 75% of the battery's energy.
   Per hour on battery that is 247 mWh, 0.41% of a full battery (60.0 Wh).
@@ -161,11 +163,14 @@ Most expensive single runs, by battery energy:
 Notes:
   1. 1 line could not be read (torn, malformed, or from a kind of work this version does not
      know) and was left out.
-  2. 1 run is counted without energy: the battery readings around it do not belong together
-     (another battery, a recalibration, or a counter that rose).
+  2. 2 runs are counted without energy: the battery readings around them do not belong together
+     (another battery, a recalibration, or a counter that rose or fell faster than any laptop
+     draws).
   3. The battery's capacity changed once between readings (another battery, or a recalibration):
      energy was not compared across a change.
-  4. 1 run saw the clock jump while it ran: its battery readings are left out of the period's
+  4. The battery's counter once fell faster than any laptop draws (a misreading): that span is
+     left out of the period's totals.
+  5. 1 run saw the clock jump while it ran: its battery readings are left out of the period's
      totals, and its time counts only where the monotonic clock measured it.
 )");
     std::vector<std::string> listed;
