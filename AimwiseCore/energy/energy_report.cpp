@@ -268,6 +268,8 @@ std::vector<Day> localDays(int64_t nowMs, int count) {
 }
 
 std::string live(const std::filesystem::path& dataRoot, int64_t nowMs, int days) {
+    // Calendars end somewhere: years 0 to 9999 keep every date and sum within range.
+    nowMs = std::clamp<int64_t>(nowMs, -62'167'219'200'000, 253'402'300'799'999);
     std::vector<Day> calendar = localDays(nowMs, days);
     const int64_t sinceMs = calendar.empty() ? nowMs : calendar.front().startMs;
     std::error_code error;
