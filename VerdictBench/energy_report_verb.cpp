@@ -28,7 +28,8 @@ int64_t reportNow(const std::vector<std::string>& positional) {
 }  // namespace
 
 int runEnergyReport(const cli::Invocation& invocation) {
-    const std::string report = ClassifierEnergyReport::live(DataPaths::dataRoot(), reportNow(invocation.positional));
+    const std::string report =
+        ClassifierEnergyReport::live(DataPaths::dataRoot(), reportNow(invocation.positional));
     std::fwrite(report.data(), 1, report.size(), stdout);
     std::fflush(stdout);
     return 0;

@@ -56,7 +56,8 @@ EnergyRow run(EnergyKind kind, int64_t startMs, int64_t wallMs, bool withBattery
         row.after = reading(level);
     }
     if (kind == EnergyKind::judged) row.model = "gemma4:12b-it-qat";
-    if (kind == EnergyKind::turn) row.model = "coach-model", row.promptTokens = 3'000, row.completionTokens = 250;
+    if (kind == EnergyKind::turn)
+        row.model = "coach-model", row.promptTokens = 3'000, row.completionTokens = 250;
     return row;
 }
 
@@ -72,8 +73,10 @@ void fortnight(std::map<std::string, std::string>& files, int64_t endMs, int day
     };
     for (int i = 0; i < rows; ++i) {
         const int64_t at = fromMs + i * stepMs;
-        if (allJudged || i % 5 == 0) add(run(EnergyKind::judged, at, 4'000, true, level));
-        else add(run(EnergyKind::skipped, at, 9, i % 10 == 1, level));
+        if (allJudged || i % 5 == 0)
+            add(run(EnergyKind::judged, at, 4'000, true, level));
+        else
+            add(run(EnergyKind::skipped, at, 9, i % 10 == 1, level));
         if (i % 130 == 7) add(run(EnergyKind::gate, at + 5'000, 3'000, true, level));
         if (i % 400 == 9) add(run(EnergyKind::turn, at + 9'000, 15'000, true, level));
         if (i % 2'880 == 100) add(run(EnergyKind::pass, at + 12'000, 240'000, false, level));
@@ -103,13 +106,18 @@ struct DataRoot {
         fs::remove_all(directory, ignored);
     }
     std::vector<std::string> environment() const {
-        return {"AIMCAP_DATA_ROOT=" + (directory / "root").string(), "XDG_DATA_HOME=" + (directory / "xdg").string(),
-                "XDG_STATE_HOME=" + (directory / "state").string(), "HOME=" + directory.string(), "TZ=UTC",
+        return {"AIMCAP_DATA_ROOT=" + (directory / "root").string(),
+                "XDG_DATA_HOME=" + (directory / "xdg").string(),
+                "XDG_STATE_HOME=" + (directory / "state").string(),
+                "HOME=" + directory.string(),
+                "TZ=UTC",
                 "PATH=/usr/bin:/bin"};
     }
 };
 
-std::string verdictBench() { return (fs::read_symlink("/proc/self/exe").parent_path() / "VerdictBench").string(); }
+std::string verdictBench() {
+    return (fs::read_symlink("/proc/self/exe").parent_path() / "VerdictBench").string();
+}
 
 void measure(benchmark::State& state, const DataRoot& root, const std::vector<std::string>& arguments) {
     double cpuMs = 0;
@@ -136,7 +144,11 @@ void BM_EnergyReport(benchmark::State& state) {
             {verdictBench(), "energy-report", "--now-ms", std::to_string(nowMs)});
 }
 
-BENCHMARK(BM_VerdictBenchStartBaseline)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(20)->Repetitions(5);
+BENCHMARK(BM_VerdictBenchStartBaseline)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(20)
+    ->Repetitions(5);
 // 0: the fortnight; 1: every tick row judged; 2: the fortnight after 90 older days.
 BENCHMARK(BM_EnergyReport)
     ->ArgName("rows")

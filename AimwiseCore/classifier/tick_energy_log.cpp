@@ -8,7 +8,8 @@ namespace aimwise::ClassifierTickEnergyLog {
 namespace {
 
 EnergyMeter::Readings sampling(const Clock& clock) {
-    return clock.wallMs() % skipSampleEvery == 0 ? EnergyMeter::Readings::battery : EnergyMeter::Readings::timesOnly;
+    return clock.wallMs() % skipSampleEvery == 0 ? EnergyMeter::Readings::battery
+                                                 : EnergyMeter::Readings::timesOnly;
 }
 
 std::optional<bool> onACFrom(const Row& row) {
@@ -33,9 +34,13 @@ EnergyRow energyRow(const Row& row) {
     return energy;
 }
 
-JSONValue::Object encode(const Row& row) { return EnergyLog::encode(energyRow(row)); }
+JSONValue::Object encode(const Row& row) {
+    return EnergyLog::encode(energyRow(row));
+}
 
-void append(const Row& row, const std::filesystem::path& to) { JSONLAppend::append(encode(row), to); }
+void append(const Row& row, const std::filesystem::path& to) {
+    JSONLAppend::append(encode(row), to);
+}
 
 Run::Run(const std::filesystem::path& dataRoot, EnergyProbe probe, const Clock& clock)
     : dataRoot_(dataRoot),

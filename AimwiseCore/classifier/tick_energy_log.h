@@ -38,7 +38,7 @@ void append(const Row& row, const std::filesystem::path& to);
 // returns without it was a skip, whose row is written as the run goes out of scope. A tick that
 // ends through exit (a failure, the watchdog) or an exception writes nothing.
 class Run {
-public:
+  public:
     // The probe's battery is read around the judgment by the tick itself; the run reads it only for
     // a sampled skip. Its power supply is not read: the battery's status says whether it was on AC.
     explicit Run(const std::filesystem::path& dataRoot, EnergyProbe probe = EnergyProbe{},
@@ -51,7 +51,7 @@ public:
     // as append() does.
     EnergyRow judged(const Row& row);
 
-private:
+  private:
     std::filesystem::path dataRoot_;
     EnergyMeter meter_;
     int uncaughtAtStart_ = std::uncaught_exceptions();

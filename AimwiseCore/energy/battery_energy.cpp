@@ -19,13 +19,17 @@ bool onBattery(const PowerSource::BatteryReading& reading, std::optional<bool> r
 }
 
 Counters Counters::of(const PowerSource::BatteryReading& reading) {
-    return {reading.energyMwh, reading.energyFullMwh, reading.chargeMah, reading.chargeFullMah, reading.voltageMv};
+    return {reading.energyMwh, reading.energyFullMwh, reading.chargeMah, reading.chargeFullMah,
+            reading.voltageMv};
 }
 
 std::optional<double> fullMwh(const Counters& counters) {
-    if (counters.energyFullMwh && *counters.energyFullMwh > 0) return static_cast<double>(*counters.energyFullMwh);
-    if (counters.chargeFullMah && *counters.chargeFullMah > 0 && counters.voltageMv && *counters.voltageMv > 0)
-        return static_cast<double>(*counters.chargeFullMah) * static_cast<double>(*counters.voltageMv) / 1000.0;
+    if (counters.energyFullMwh && *counters.energyFullMwh > 0)
+        return static_cast<double>(*counters.energyFullMwh);
+    if (counters.chargeFullMah && *counters.chargeFullMah > 0 && counters.voltageMv &&
+        *counters.voltageMv > 0)
+        return static_cast<double>(*counters.chargeFullMah) * static_cast<double>(*counters.voltageMv) /
+               1000.0;
     return std::nullopt;
 }
 
@@ -53,7 +57,8 @@ Drawn drawn(const Counters& before, const Counters& after) {
 }
 
 bool plausible(double drawnMwh, int64_t overMs) {
-    return drawnMwh <= counterStepAllowanceMwh + mostPlausibleMw * static_cast<double>(std::max<int64_t>(0, overMs)) / 3'600'000.0;
+    return drawnMwh <= counterStepAllowanceMwh +
+                           mostPlausibleMw * static_cast<double>(std::max<int64_t>(0, overMs)) / 3'600'000.0;
 }
 
 Drawn drawnDuringRun(const std::optional<PowerSource::BatteryReading>& before,

@@ -2,7 +2,9 @@
 
 namespace aimwise::BatteryTelemetry {
 
-std::optional<PowerSource::BatteryReading> read() { return PowerSource::readBattery(); }
+std::optional<PowerSource::BatteryReading> read() {
+    return PowerSource::readBattery();
+}
 
 JSONValue::Object toJSON(const PowerSource::BatteryReading& reading) {
     JSONValue::Object object;

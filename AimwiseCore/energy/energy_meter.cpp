@@ -10,7 +10,8 @@ namespace aimwise {
 namespace {
 
 int64_t milliseconds(const timeval& user, const timeval& system) {
-    return (static_cast<int64_t>(user.tv_sec) + system.tv_sec) * 1000 + (user.tv_usec + system.tv_usec) / 1000;
+    return (static_cast<int64_t>(user.tv_sec) + system.tv_sec) * 1000 +
+           (user.tv_usec + system.tv_usec) / 1000;
 }
 
 }  // namespace
@@ -27,14 +28,18 @@ EnergyProbe EnergyProbe::live() {
             [] { return ProcessCPU::read(); }};
 }
 
-EnergyMeter::EnergyMeter(EnergyKind kind, std::filesystem::path dataRoot, EnergyProbe probe, const Clock& clock,
-                         Readings readings)
-    : kind_(kind), dataRoot_(std::move(dataRoot)), probe_(std::move(probe)), clock_(clock), readings_(readings) {
+EnergyMeter::EnergyMeter(EnergyKind kind, std::filesystem::path dataRoot, EnergyProbe probe,
+                         const Clock& clock, Readings readings)
+    : kind_(kind),
+      dataRoot_(std::move(dataRoot)),
+      probe_(std::move(probe)),
+      clock_(clock),
+      readings_(readings) {
     if (!probe_.cpu) probe_.cpu = ProcessCPU::read;
 }
 
-EnergyMeter EnergyMeter::start(EnergyKind kind, std::filesystem::path dataRoot, EnergyProbe probe, const Clock& clock,
-                               Readings readings) {
+EnergyMeter EnergyMeter::start(EnergyKind kind, std::filesystem::path dataRoot, EnergyProbe probe,
+                               const Clock& clock, Readings readings) {
     EnergyMeter meter(kind, std::move(dataRoot), std::move(probe), clock, readings);
     meter.startWallMs_ = clock.wallMs();
     meter.startMonotonicMs_ = clock.monotonicMs();

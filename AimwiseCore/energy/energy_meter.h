@@ -47,7 +47,7 @@ struct EnergyProbe {
 };
 
 class EnergyMeter {
-public:
+  public:
     // Reading a battery can wake its controller; runs too short for its counters to move skip it.
     enum class Readings { battery, timesOnly };
 
@@ -56,8 +56,9 @@ public:
         std::optional<ChatUsage> usage;
     };
 
-    static EnergyMeter start(EnergyKind kind, std::filesystem::path dataRoot, EnergyProbe probe = EnergyProbe::live(),
-                             const Clock& clock = Clock::system(), Readings readings = Readings::battery);
+    static EnergyMeter start(EnergyKind kind, std::filesystem::path dataRoot,
+                             EnergyProbe probe = EnergyProbe::live(), const Clock& clock = Clock::system(),
+                             Readings readings = Readings::battery);
 
     // The row as of now, without writing it.
     EnergyRow measure(const Facts& facts = {}) const;
@@ -68,7 +69,7 @@ public:
 
     int64_t startWallMs() const { return startWallMs_; }
 
-private:
+  private:
     EnergyMeter(EnergyKind kind, std::filesystem::path dataRoot, EnergyProbe probe, const Clock& clock,
                 Readings readings);
     std::optional<bool> readOnAC(const std::optional<PowerSource::BatteryReading>& battery) const;

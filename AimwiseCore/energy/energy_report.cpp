@@ -51,8 +51,10 @@ std::vector<Span> merged(std::vector<Span> spans) {
     std::sort(spans.begin(), spans.end(), [](const Span& a, const Span& b) { return a.startMs < b.startMs; });
     std::vector<Span> out;
     for (const Span& span : spans) {
-        if (!out.empty() && span.startMs <= out.back().endMs) out.back().endMs = std::max(out.back().endMs, span.endMs);
-        else out.push_back(span);
+        if (!out.empty() && span.startMs <= out.back().endMs)
+            out.back().endMs = std::max(out.back().endMs, span.endMs);
+        else
+            out.push_back(span);
     }
     return out;
 }
@@ -68,7 +70,7 @@ bool covered(const std::vector<Span>& spans, int64_t fromMs, int64_t toMs) {
 // The few costliest runs seen so far, costliest first. Of equal costs the later run goes first: rows
 // come newest first, so most of the many equal readings then cost no copy.
 class Costliest {
-public:
+  public:
     void offer(double cost, const EnergyRow& row, const std::optional<double>& energyMwh) {
         const auto before = [&](const Entry& entry) {
             return cost > entry.cost || (cost == entry.cost && row.atMs > entry.run.row.atMs);
@@ -85,7 +87,7 @@ public:
         return out;
     }
 
-private:
+  private:
     struct Entry {
         double cost;
         CostlyRun run;
@@ -116,11 +118,21 @@ struct ReportBuilder::State {
         const std::optional<int64_t> cpu = runCPU(row);
         for (Figures* figures : {&day, &report.total}) {
             switch (row.kind) {
-                case EnergyKind::judged: ++figures->judged; break;
-                case EnergyKind::skipped: ++figures->skipped; break;
-                case EnergyKind::gate: ++figures->gates; break;
-                case EnergyKind::turn: ++figures->turns; break;
-                case EnergyKind::pass: ++figures->passes; break;
+                case EnergyKind::judged:
+                    ++figures->judged;
+                    break;
+                case EnergyKind::skipped:
+                    ++figures->skipped;
+                    break;
+                case EnergyKind::gate:
+                    ++figures->gates;
+                    break;
+                case EnergyKind::turn:
+                    ++figures->turns;
+                    break;
+                case EnergyKind::pass:
+                    ++figures->passes;
+                    break;
             }
             if (cpu) {
                 figures->cpuMs += *cpu;
@@ -134,7 +146,8 @@ struct ReportBuilder::State {
         const auto* unmeasured = std::get_if<Unmeasured>(&drawn);
         const std::optional<int64_t> time = runTime(row);
         if (energy && !BatteryEnergy::plausible(*energy, time.value_or(0))) energy = nullptr;
-        if ((unmeasured && (*unmeasured == Unmeasured::differentBattery || *unmeasured == Unmeasured::rose)) ||
+        if ((unmeasured &&
+             (*unmeasured == Unmeasured::differentBattery || *unmeasured == Unmeasured::rose)) ||
             (!energy && !unmeasured))
             ++report.runsWithMismatchedReadings;
         if (row.kind == EnergyKind::judged) {
@@ -146,7 +159,8 @@ struct ReportBuilder::State {
             }
         }
         if (energy) byEnergy.offer(*energy, row, *energy);
-        if (cpu && *cpu > 0) byCPU.offer(static_cast<double>(*cpu), row, energy ? std::optional(*energy) : std::nullopt);
+        if (cpu && *cpu > 0)
+            byCPU.offer(static_cast<double>(*cpu), row, energy ? std::optional(*energy) : std::nullopt);
     }
 
     void remember(const EnergyRow& row) {
@@ -156,7 +170,8 @@ struct ReportBuilder::State {
         }
         if (row.kind != EnergyKind::skipped)
             if (const auto span = readingSpan(row)) workSpans.push_back(*span);
-        const auto add = [&](const std::optional<PowerSource::BatteryReading>& reading, std::optional<int64_t> at) {
+        const auto add = [&](const std::optional<PowerSource::BatteryReading>& reading,
+                             std::optional<int64_t> at) {
             if (!reading) return;
             const BatteryEnergy::Counters counters = BatteryEnergy::Counters::of(*reading);
             sawCounters = sawCounters || counters.any();
@@ -173,7 +188,8 @@ struct ReportBuilder::State {
         // By time, and in the order they came for equal times; sorting keys is cheaper than points.
         std::vector<std::pair<int64_t, uint32_t>> order;
         order.reserve(points.size());
-        for (size_t i = 0; i < points.size(); ++i) order.emplace_back(points[i].atMs, static_cast<uint32_t>(i));
+        for (size_t i = 0; i < points.size(); ++i)
+            order.emplace_back(points[i].atMs, static_cast<uint32_t>(i));
         std::sort(order.begin(), order.end());
         const std::vector<Span> spans = merged(std::move(workSpans));
         for (size_t i = 0; i + 1 < order.size(); ++i) {
@@ -227,15 +243,19 @@ Report ReportBuilder::finish(const EnergyRowsReader::Result& reading) {
     report.unreadableFiles = reading.unreadableFiles;
     std::sort(state.useSpans.begin(), state.useSpans.end());
     report.useMs = static_cast<int64_t>(std::unique(state.useSpans.begin(), state.useSpans.end()) -
-                                        state.useSpans.begin()) * useSpanMs;
+                                        state.useSpans.begin()) *
+                   useSpanMs;
     state.followBattery();
     report.fullBatteryMwh = median(std::move(state.capacities));
 
     report.costliestByEnergy = !state.byEnergy.empty();
     report.costliest = report.costliestByEnergy ? state.byEnergy.runs() : state.byCPU.runs();
-    if (!state.sawCounters) report.counters = Counters::none;
-    else if (report.onBatteryMs == 0 && !report.costliestByEnergy) report.counters = Counters::onACOnly;
-    else report.counters = Counters::present;
+    if (!state.sawCounters)
+        report.counters = Counters::none;
+    else if (report.onBatteryMs == 0 && !report.costliestByEnergy)
+        report.counters = Counters::onACOnly;
+    else
+        report.counters = Counters::present;
     return std::move(report);
 }
 
@@ -276,7 +296,9 @@ std::string live(const std::filesystem::path& dataRoot, int64_t nowMs, int days)
     const bool exists = std::filesystem::is_directory(dataRoot, error);
     ReportBuilder builder(std::move(calendar), nowMs);
     EnergyRowsReader::Result reading;
-    if (exists) reading = EnergyRowsReader::read(dataRoot, sinceMs, nowMs, [&](const EnergyRow& row) { builder.add(row); });
+    if (exists)
+        reading =
+            EnergyRowsReader::read(dataRoot, sinceMs, nowMs, [&](const EnergyRow& row) { builder.add(row); });
     return render(builder.finish(reading), dataRoot, exists);
 }
 

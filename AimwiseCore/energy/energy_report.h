@@ -92,7 +92,7 @@ std::optional<double> median(std::vector<double> values);
 // Folds rows into a report one at a time, in any order, so that a fortnight of rows is never held
 // in memory. Rows outside the days are left out.
 class ReportBuilder {
-public:
+  public:
     ReportBuilder(std::vector<Day> days, int64_t nowMs);
     ~ReportBuilder();
     ReportBuilder(const ReportBuilder&) = delete;
@@ -101,7 +101,7 @@ public:
     void add(const EnergyRow& row);
     Report finish(const EnergyRowsReader::Result& reading);
 
-private:
+  private:
     struct State;
     std::unique_ptr<State> state_;
 };

@@ -16,7 +16,8 @@ const std::string none = "\u2014";
 
 std::string count(int64_t value) {
     std::string digits = std::to_string(value < 0 ? -value : value);
-    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3) digits.insert(static_cast<size_t>(at), ",");
+    for (int at = static_cast<int>(digits.size()) - 3; at > 0; at -= 3)
+        digits.insert(static_cast<size_t>(at), ",");
     return value < 0 ? "-" + digits : digits;
 }
 
@@ -41,7 +42,9 @@ std::string percent(double fraction) {
     return fmt::format("{:.2f}%", value);
 }
 
-std::string plural(int64_t n, const char* one, const char* many) { return count(n) + " " + (n == 1 ? one : many); }
+std::string plural(int64_t n, const char* one, const char* many) {
+    return count(n) + " " + (n == 1 ? one : many);
+}
 
 std::string localTime(int64_t ms, const char* format) {
     const time_t seconds = static_cast<time_t>(ms >= 0 ? ms / 1000 : (ms - 999) / 1000);
@@ -54,16 +57,23 @@ std::string localTime(int64_t ms, const char* format) {
 
 const char* kindLabel(EnergyKind kind) {
     switch (kind) {
-        case EnergyKind::judged: return "judged check";
-        case EnergyKind::skipped: return "skipped check";
-        case EnergyKind::gate: return "gate call";
-        case EnergyKind::turn: return "coach turn";
-        case EnergyKind::pass: return "nightly pass";
+        case EnergyKind::judged:
+            return "judged check";
+        case EnergyKind::skipped:
+            return "skipped check";
+        case EnergyKind::gate:
+            return "gate call";
+        case EnergyKind::turn:
+            return "coach turn";
+        case EnergyKind::pass:
+            return "nightly pass";
     }
     return "run";
 }
 
-size_t width(const std::string& text) { return utf8::scalarCount(text); }
+size_t width(const std::string& text) {
+    return utf8::scalarCount(text);
+}
 
 std::string pad(const std::string& text, size_t to, bool left) {
     const std::string fill(to > width(text) ? to - width(text) : 0, ' ');
@@ -97,7 +107,8 @@ std::string table(const std::vector<TableRow>& rows) {
     return out;
 }
 
-std::string medianOr(const std::vector<double>& values, std::string (*format)(double), const std::string& otherwise) {
+std::string medianOr(const std::vector<double>& values, std::string (*format)(double),
+                     const std::string& otherwise) {
     const auto middle = median(values);
     return middle ? format(*middle) : otherwise;
 }
@@ -105,8 +116,10 @@ std::string medianOr(const std::vector<double>& values, std::string (*format)(do
 std::vector<std::string> dayRow(const std::string& label, const Figures& figures, bool withEnergy) {
     const std::string onAC = figures.checksOnAC > 0 ? "on AC" : none;
     std::vector<std::string> row{label, count(figures.judged), count(figures.skipped)};
-    if (withEnergy) row.push_back(medianOr(figures.checkEnergyMwh, energy, onAC));
-    else row.push_back(medianOr(figures.checkCpuMs, duration, none));
+    if (withEnergy)
+        row.push_back(medianOr(figures.checkEnergyMwh, energy, onAC));
+    else
+        row.push_back(medianOr(figures.checkCpuMs, duration, none));
     row.push_back(medianOr(figures.checkTimeMs, duration, none));
     row.push_back(count(figures.turns));
     row.push_back(count(figures.gates));
@@ -118,25 +131,31 @@ std::vector<std::string> dayRow(const std::string& label, const Figures& figures
 
 std::string days(const Report& report, bool withEnergy) {
     std::vector<TableRow> rows;
-    std::vector<std::string> header{"Day", "Judged", "Skipped", withEnergy ? "Energy/check" : "CPU/check",
-                                    "Time/check", "Turns", "Gate calls", "Passes"};
+    std::vector<std::string> header{
+        "Day",        "Judged", "Skipped",    withEnergy ? "Energy/check" : "CPU/check",
+        "Time/check", "Turns",  "Gate calls", "Passes"};
     if (withEnergy) header.push_back("Battery");
     header.push_back("CPU");
     rows.push_back({header});
     for (size_t i = 0; i < report.days.size(); ++i) {
-        if (report.perDay[i].empty()) rows.push_back({{report.days[i].label, "nothing recorded"}, true});
-        else rows.push_back({dayRow(report.days[i].label, report.perDay[i], withEnergy)});
+        if (report.perDay[i].empty())
+            rows.push_back({{report.days[i].label, "nothing recorded"}, true});
+        else
+            rows.push_back({dayRow(report.days[i].label, report.perDay[i], withEnergy)});
     }
     rows.push_back({dayRow("Total", report.total, withEnergy)});
     std::string out = table(rows) + "\n";
     if (withEnergy)
-        out += "Energy/check and Time/check are medians over judged checks. Energy is read from the battery,\n"
-               "so only on battery: \"on AC\" marks checks on mains power, where the battery does not see\n"
-               "what work costs, and \u2014 no reading. Battery is what the battery gave while Aimwise worked.\n";
+        out +=
+            "Energy/check and Time/check are medians over judged checks. Energy is read from the battery,\n"
+            "so only on battery: \"on AC\" marks checks on mains power, where the battery does not see\n"
+            "what work costs, and \u2014 no reading. Battery is what the battery gave while Aimwise "
+            "worked.\n";
     else
         out += "CPU/check and Time/check are medians over judged checks.\n";
-    out += "CPU is the time of Aimwise's own processes and the helpers they started, skipped checks\n"
-           "included; the model server's work is not in it.\n";
+    out +=
+        "CPU is the time of Aimwise's own processes and the helpers they started, skipped checks\n"
+        "included; the model server's work is not in it.\n";
     return out;
 }
 
@@ -154,12 +173,13 @@ std::string period(const Report& report) {
     const double hoursOnBattery = static_cast<double>(report.onBatteryMs) / 3'600'000.0;
     out += "  On battery: " + duration(static_cast<double>(report.onBatteryMs)) +
            " with readings, in which the battery gave " + energy(report.batteryGaveMwh) + ".\n";
-    if (report.batteryGaveMwh <= 0) return out + "  Its counters did not move: too little was drawn to tell a share.\n";
+    if (report.batteryGaveMwh <= 0)
+        return out + "  Its counters did not move: too little was drawn to tell a share.\n";
     const double work = report.total.workMwh;
     const double perHour = work / hoursOnBattery;
     out += "  While Aimwise's work ran it gave " + energy(work) + ", so Aimwise used at most " +
-           percent(work / report.batteryGaveMwh) + " of the battery's energy.\n  Per hour on battery that is " +
-           energy(perHour);
+           percent(work / report.batteryGaveMwh) +
+           " of the battery's energy.\n  Per hour on battery that is " + energy(perHour);
     if (report.fullBatteryMwh && *report.fullBatteryMwh > 0)
         out += ", " + percent(perHour / *report.fullBatteryMwh) + " of a full battery (" +
                energy(*report.fullBatteryMwh) + ")";
@@ -183,14 +203,16 @@ std::string costliest(const Report& report) {
         }
         if (run.row.model) cost += ", " + *run.row.model;
         if (run.row.promptTokens && run.row.completionTokens)
-            cost += ", " + count(*run.row.promptTokens) + " + " + count(*run.row.completionTokens) + " tokens";
+            cost +=
+                ", " + count(*run.row.promptTokens) + " + " + count(*run.row.completionTokens) + " tokens";
         rows.push_back({"  " + localTime(run.row.atMs, "%a %d %b %H:%M"), kindLabel(run.row.kind), cost});
     }
     // Left-aligned throughout: these are sentences more than numbers.
     std::vector<size_t> widths(2, 0);
     for (const auto& row : rows)
         for (size_t i = 0; i < 2; ++i) widths[i] = std::max(widths[i], width(row[i]));
-    for (const auto& row : rows) out += pad(row[0], widths[0], true) + "  " + pad(row[1], widths[1], true) + "  " + row[2] + "\n";
+    for (const auto& row : rows)
+        out += pad(row[0], widths[0], true) + "  " + pad(row[1], widths[1], true) + "  " + row[2] + "\n";
     return out;
 }
 
@@ -218,31 +240,38 @@ std::string wrapped(const std::string& lead, const std::string& text) {
 std::string notes(const Report& report) {
     std::vector<std::string> lines;
     if (report.unreadableLines > 0)
-        lines.push_back(plural(report.unreadableLines, "line", "lines") +
-                        " could not be read (torn, malformed, or from a kind of work this version does not know) "
-                        "and " + (report.unreadableLines == 1 ? "was" : "were") + " left out.");
+        lines.push_back(
+            plural(report.unreadableLines, "line", "lines") +
+            " could not be read (torn, malformed, or from a kind of work this version does not know) "
+            "and " +
+            (report.unreadableLines == 1 ? "was" : "were") + " left out.");
     for (const std::string& file : report.unreadableFiles)
         lines.push_back("Could not read " + file + "; its rows are missing from this report.");
     if (report.runsWithMismatchedReadings > 0)
         lines.push_back(plural(report.runsWithMismatchedReadings, "run is", "runs are") +
                         " counted without energy: the battery readings around " +
                         (report.runsWithMismatchedReadings == 1 ? "it" : "them") +
-                        " do not belong together (another battery, a recalibration, or a counter that rose or fell faster than "
+                        " do not belong together (another battery, a recalibration, or a counter that rose "
+                        "or fell faster than "
                         "any laptop draws).");
     if (report.batteryChanges > 0)
-        lines.push_back("The battery's capacity changed " +
-                        (report.batteryChanges == 1 ? std::string("once") : plural(report.batteryChanges, "time", "times")) +
-                        " between readings (another battery, or a recalibration): energy was not compared across "
-                        "a change.");
+        lines.push_back(
+            "The battery's capacity changed " +
+            (report.batteryChanges == 1 ? std::string("once")
+                                        : plural(report.batteryChanges, "time", "times")) +
+            " between readings (another battery, or a recalibration): energy was not compared across "
+            "a change.");
     if (const int64_t n = report.counterJumps; n > 0)
-        lines.push_back(n == 1 ? std::string("The battery's counter once fell faster than any laptop draws (a "
-                                             "misreading): that span is left out of the period's totals.")
-                               : "The battery's counter fell faster than any laptop draws " + plural(n, "time", "times") +
-                                     " (misreadings): those spans are left out of the period's totals.");
+        lines.push_back(
+            n == 1 ? std::string("The battery's counter once fell faster than any laptop draws (a "
+                                 "misreading): that span is left out of the period's totals.")
+                   : "The battery's counter fell faster than any laptop draws " + plural(n, "time", "times") +
+                         " (misreadings): those spans are left out of the period's totals.");
     if (const int64_t n = report.runsWithClockJump; n > 0)
         lines.push_back(plural(n, "run", "runs") + " saw the clock jump while " + (n == 1 ? "it" : "they") +
                         " ran: " + (n == 1 ? "its" : "their") +
-                        " battery readings are left out of the period's totals, and " + (n == 1 ? "its" : "their") +
+                        " battery readings are left out of the period's totals, and " +
+                        (n == 1 ? "its" : "their") +
                         " time counts only where the monotonic clock measured it.");
     if (lines.empty()) return "";
     std::string out = "\nNotes:\n";
@@ -258,16 +287,19 @@ std::string render(const Report& report, const std::filesystem::path& dataRoot, 
         out += "Energy report: " + localTime(report.days.front().startMs, "%a %d %b %Y") + " to " +
                localTime(report.nowMs, "%a %d %b %Y") + ", up to " + localTime(report.nowMs, "%H:%M") +
                " local time\n";
-    out += "Data root: " + dataRoot.string() + (dataRootExists ? "" : " (not found: nothing to read)") + "\n\n";
+    out +=
+        "Data root: " + dataRoot.string() + (dataRootExists ? "" : " (not found: nothing to read)") + "\n\n";
     const bool withEnergy = report.counters == Counters::present;
     if (report.total.empty()) {
         // Nothing to say about counters that were never read.
     } else if (report.counters == Counters::none)
-        out += "The battery counters gave nothing in this period (no battery, or one that reports no energy),\n"
-               "so costs are shown as CPU time; no energy is estimated.\n\n";
+        out +=
+            "The battery counters gave nothing in this period (no battery, or one that reports no energy),\n"
+            "so costs are shown as CPU time; no energy is estimated.\n\n";
     else if (report.counters == Counters::onACOnly)
-        out += "The battery was read only on mains power, where it does not see what work costs,\n"
-               "so costs are shown as CPU time; no energy is estimated.\n\n";
+        out +=
+            "The battery was read only on mains power, where it does not see what work costs,\n"
+            "so costs are shown as CPU time; no energy is estimated.\n\n";
     out += days(report, withEnergy) + "\n" + period(report) + "\n" + costliest(report) + notes(report);
     return out;
 }

@@ -14,11 +14,16 @@ namespace EnergyKinds {
 
 const char* name(EnergyKind kind) {
     switch (kind) {
-        case EnergyKind::judged: return "judged";
-        case EnergyKind::skipped: return "skipped";
-        case EnergyKind::gate: return "gate";
-        case EnergyKind::turn: return "turn";
-        case EnergyKind::pass: return "pass";
+        case EnergyKind::judged:
+            return "judged";
+        case EnergyKind::skipped:
+            return "skipped";
+        case EnergyKind::gate:
+            return "gate";
+        case EnergyKind::turn:
+            return "turn";
+        case EnergyKind::pass:
+            return "pass";
     }
     return "judged";
 }
@@ -31,11 +36,15 @@ std::optional<EnergyKind> named(std::string_view text) {
 
 const char* fileName(EnergyKind kind) {
     switch (kind) {
-        case EnergyKind::judged: return "classifier-tick-energy.jsonl";
-        case EnergyKind::skipped: return skipEnergyFileName;
+        case EnergyKind::judged:
+            return "classifier-tick-energy.jsonl";
+        case EnergyKind::skipped:
+            return skipEnergyFileName;
         case EnergyKind::gate:
-        case EnergyKind::turn: return coachEnergyFileName;
-        case EnergyKind::pass: return dreamEnergyFileName;
+        case EnergyKind::turn:
+            return coachEnergyFileName;
+        case EnergyKind::pass:
+            return dreamEnergyFileName;
     }
     return "classifier-tick-energy.jsonl";
 }
@@ -48,7 +57,7 @@ namespace {
 // instead of building a JSON tree per line. It accepts exactly JSON, and any value under a key it
 // does not know.
 class Scanner {
-public:
+  public:
     explicit Scanner(std::string_view text) : s_(text) {}
 
     void space() {
@@ -77,7 +86,8 @@ public:
         if (!eat('"')) return false;
         const size_t start = i_;
         const void* quote = std::memchr(s_.data() + i_, '"', s_.size() - i_);
-        const size_t end = quote ? static_cast<size_t>(static_cast<const char*>(quote) - s_.data()) : s_.size();
+        const size_t end =
+            quote ? static_cast<size_t>(static_cast<const char*>(quote) - s_.data()) : s_.size();
         bool ascii = true;
         for (; i_ < end; ++i_) {
             const unsigned char c = static_cast<unsigned char>(s_[i_]);
@@ -109,9 +119,11 @@ public:
         if (negative) ++j;
         const size_t digitsStart = j;
         int64_t value = 0;
-        while (j < s_.size() && s_[j] >= '0' && s_[j] <= '9' && j - digitsStart < 15) value = value * 10 + (s_[j++] - '0');
+        while (j < s_.size() && s_[j] >= '0' && s_[j] <= '9' && j - digitsStart < 15)
+            value = value * 10 + (s_[j++] - '0');
         const bool plain = j > digitsStart && (s_[digitsStart] != '0' || j == digitsStart + 1) &&
-                           (j == s_.size() || (s_[j] != '.' && s_[j] != 'e' && s_[j] != 'E' && (s_[j] < '0' || s_[j] > '9')));
+                           (j == s_.size() ||
+                            (s_[j] != '.' && s_[j] != 'e' && s_[j] != 'E' && (s_[j] < '0' || s_[j] > '9')));
         if (plain) {
             i_ = j;
             out = negative ? -value : value;
@@ -123,7 +135,7 @@ public:
         return true;
     }
 
-private:
+  private:
     // The rest of a string after its plain start, unescaping into `out`.
     bool rest(std::string& out) {
         while (i_ < s_.size()) {
@@ -138,12 +150,24 @@ private:
             switch (const char e = s_[i_++]) {
                 case '"':
                 case '\\':
-                case '/': out.push_back(e); break;
-                case 'b': out.push_back('\b'); break;
-                case 'f': out.push_back('\f'); break;
-                case 'n': out.push_back('\n'); break;
-                case 'r': out.push_back('\r'); break;
-                case 't': out.push_back('\t'); break;
+                case '/':
+                    out.push_back(e);
+                    break;
+                case 'b':
+                    out.push_back('\b');
+                    break;
+                case 'f':
+                    out.push_back('\f');
+                    break;
+                case 'n':
+                    out.push_back('\n');
+                    break;
+                case 'r':
+                    out.push_back('\r');
+                    break;
+                case 't':
+                    out.push_back('\t');
+                    break;
                 case 'u': {
                     char32_t unit = 0;
                     if (!hex4(unit)) return false;
@@ -159,13 +183,14 @@ private:
                     utf8::append(out, unit);
                     break;
                 }
-                default: return false;
+                default:
+                    return false;
             }
         }
         return false;
     }
 
-public:
+  public:
     bool number(double& out) {
         space();
         const size_t start = i_;
@@ -201,10 +226,14 @@ public:
         std::string_view ignored;
         double number_ = 0;
         switch (peek()) {
-            case '"': return text(ignored, scratch);
-            case 't': return literal("true");
-            case 'f': return literal("false");
-            case 'n': return literal("null");
+            case '"':
+                return text(ignored, scratch);
+            case 't':
+                return literal("true");
+            case 'f':
+                return literal("false");
+            case 'n':
+                return literal("null");
             case '[':
                 eat('[');
                 if (eat(']')) return true;
@@ -214,7 +243,8 @@ public:
                 return eat(']');
             case '{':
                 return object([&](std::string_view) { return skipValue(depth + 1); });
-            default: return number(number_);
+            default:
+                return number(number_);
         }
     }
 
@@ -231,7 +261,7 @@ public:
         return eat('}');
     }
 
-private:
+  private:
     static constexpr int maxDepth = 64;
 
     bool digits() {
@@ -245,10 +275,14 @@ private:
         for (int k = 0; k < 4; ++k) {
             const char c = s_[i_++];
             out <<= 4;
-            if (c >= '0' && c <= '9') out |= static_cast<char32_t>(c - '0');
-            else if (c >= 'a' && c <= 'f') out |= static_cast<char32_t>(c - 'a' + 10);
-            else if (c >= 'A' && c <= 'F') out |= static_cast<char32_t>(c - 'A' + 10);
-            else return false;
+            if (c >= '0' && c <= '9')
+                out |= static_cast<char32_t>(c - '0');
+            else if (c >= 'a' && c <= 'f')
+                out |= static_cast<char32_t>(c - 'a' + 10);
+            else if (c >= 'A' && c <= 'F')
+                out |= static_cast<char32_t>(c - 'A' + 10);
+            else
+                return false;
         }
         return true;
     }
@@ -272,9 +306,12 @@ bool text(Scanner& scan, std::optional<std::string>& out) {
 }
 
 bool flag(Scanner& scan, std::optional<bool>& out) {
-    if (scan.peek() == 't' && scan.literal("true")) out = true;
-    else if (scan.peek() == 'f' && scan.literal("false")) out = false;
-    else return scan.skipValue();
+    if (scan.peek() == 't' && scan.literal("true"))
+        out = true;
+    else if (scan.peek() == 'f' && scan.literal("false"))
+        out = false;
+    else
+        return scan.skipValue();
     return true;
 }
 

@@ -32,8 +32,8 @@ namespace aimwise {
 enum class EnergyKind { judged, skipped, gate, turn, pass };
 
 namespace EnergyKinds {
-inline constexpr EnergyKind all[] = {EnergyKind::judged, EnergyKind::skipped, EnergyKind::gate, EnergyKind::turn,
-                                     EnergyKind::pass};
+inline constexpr EnergyKind all[] = {EnergyKind::judged, EnergyKind::skipped, EnergyKind::gate,
+                                     EnergyKind::turn, EnergyKind::pass};
 // "judged", "skipped", "gate", "turn", "pass".
 const char* name(EnergyKind kind);
 std::optional<EnergyKind> named(std::string_view name);

@@ -29,7 +29,7 @@ constexpr Source sources[] = {{"classifier-tick-energy.jsonl", EnergyKind::judge
                               {dreamEnergyFileName, EnergyKind::pass}};
 
 class Visitor {
-public:
+  public:
     Visitor(Result& result, std::optional<EnergyKind> defaultKind, int64_t sinceMs, int64_t untilMs,
             const std::function<void(const EnergyRow&)>& visit)
         : result_(result), defaultKind_(defaultKind), sinceMs_(sinceMs), untilMs_(untilMs), visit_(visit) {}
@@ -54,7 +54,7 @@ public:
 
     void unreadable() { ++result_.unreadableLines; }
 
-private:
+  private:
     Result& result_;
     std::optional<EnergyKind> defaultKind_;
     int64_t sinceMs_;
@@ -74,7 +74,8 @@ std::optional<std::string> readBackwards(int fd, int64_t size, Visitor& visitor)
         chunk.resize(static_cast<size_t>(length));
         int64_t got = 0;
         while (got < length) {
-            const ssize_t n = ::pread(fd, chunk.data() + got, static_cast<size_t>(length - got), position + got);
+            const ssize_t n =
+                ::pread(fd, chunk.data() + got, static_cast<size_t>(length - got), position + got);
             if (n < 0 && errno == EINTR) continue;
             if (n < 0) return std::string(std::strerror(errno));
             if (n == 0) break;
@@ -100,8 +101,10 @@ std::optional<std::string> readBackwards(int fd, int64_t size, Visitor& visitor)
         overlong = overlong || end > maxLineBytes;
         carry.assign(overlong ? std::string_view() : data.substr(0, end));
     }
-    if (overlong) visitor.unreadable();
-    else visitor.line(carry);
+    if (overlong)
+        visitor.unreadable();
+    else
+        visitor.line(carry);
     return std::nullopt;
 }
 

@@ -56,24 +56,42 @@ TEST(EnergyMeter, EachKindWritesOneRowToItsFileWithOnlyTheReadingsItTook) {
     usage.promptTokens = 1'200;
     usage.completionTokens = 80;
     const std::vector<Case> cases{
-        {EnergyKind::turn, {battery("Discharging", 40'000), battery("Discharging", 39'990)}, {false, false}, true,
-         {"coach-model", usage}, "coach-turn-energy.jsonl",
+        {EnergyKind::turn,
+         {battery("Discharging", 40'000), battery("Discharging", 39'990)},
+         {false, false},
+         true,
+         {"coach-model", usage},
+         "coach-turn-energy.jsonl",
          R"({"after":{"energy_full_mwh":60000,"energy_mwh":39990,"status":"Discharging"},"atMs":1700000002500,)"
          R"("before":{"energy_full_mwh":60000,"energy_mwh":40000,"status":"Discharging"},"childCpuMs":1000,)"
          R"("completionTokens":80,"cpuMs":240,"endMs":1700000002500,"kind":"turn","model":"coach-model",)"
          R"("onAC":false,"promptTokens":1200,"startMs":1700000000000,"v":1,"wallMs":2500})"},
         // No battery, no supply known: nothing is written for them, not zeros.
-        {EnergyKind::pass, {std::nullopt, std::nullopt}, {std::nullopt, std::nullopt}, true, {}, "dream-energy.jsonl",
+        {EnergyKind::pass,
+         {std::nullopt, std::nullopt},
+         {std::nullopt, std::nullopt},
+         true,
+         {},
+         "dream-energy.jsonl",
          R"({"atMs":1700000002500,"childCpuMs":1000,"cpuMs":240,"endMs":1700000002500,"kind":"pass",)"
          R"("startMs":1700000000000,"v":1,"wallMs":2500})"},
         // Plugged in during the call: neither on battery nor on AC.
-        {EnergyKind::gate, {battery("Discharging", 500), battery("Charging", 501)}, {false, true}, true, {},
+        {EnergyKind::gate,
+         {battery("Discharging", 500), battery("Charging", 501)},
+         {false, true},
+         true,
+         {},
          "coach-turn-energy.jsonl",
          R"({"after":{"energy_full_mwh":60000,"energy_mwh":501,"status":"Charging"},"atMs":1700000002500,)"
          R"("before":{"energy_full_mwh":60000,"energy_mwh":500,"status":"Discharging"},"childCpuMs":1000,)"
          R"("cpuMs":240,"endMs":1700000002500,"kind":"gate","startMs":1700000000000,"v":1,"wallMs":2500})"},
         // Without a supply reading the battery's status says it.
-        {EnergyKind::pass, {battery("Full", 600), battery("Full", 600)}, {}, false, {}, "dream-energy.jsonl",
+        {EnergyKind::pass,
+         {battery("Full", 600), battery("Full", 600)},
+         {},
+         false,
+         {},
+         "dream-energy.jsonl",
          R"({"after":{"energy_full_mwh":60000,"energy_mwh":600,"status":"Full"},"atMs":1700000002500,)"
          R"("before":{"energy_full_mwh":60000,"energy_mwh":600,"status":"Full"},"childCpuMs":1000,"cpuMs":240,)"
          R"("endMs":1700000002500,"kind":"pass","onAC":true,"startMs":1700000000000,"v":1,"wallMs":2500})"},
@@ -102,12 +120,13 @@ TEST(TickEnergyRun, AJudgedTickAddsItsTimesToItsOwnReadingsAndASkipIsCountedInIt
         run.judged({1'700'000'004'000, 1'700'000'001'000, 1'700'000'003'900, "judge-model",
                     battery("Discharging", 40'000), battery("Discharging", 39'988)});
     }
-    EXPECT_EQ(testing::readFile(dir / "classifier-tick-energy.jsonl"),
-              R"({"after":{"energy_full_mwh":60000,"energy_mwh":39988,"status":"Discharging"},"atMs":1700000004000,)"
-              R"("before":{"energy_full_mwh":60000,"energy_mwh":40000,"status":"Discharging"},"childCpuMs":400,)"
-              R"("cpuMs":50,"endMs":1700000003900,"kind":"judged","model":"judge-model","onAC":false,)"
-              R"("startMs":1700000001000,"v":1,"wallMs":4000})"
-              "\n");
+    EXPECT_EQ(
+        testing::readFile(dir / "classifier-tick-energy.jsonl"),
+        R"({"after":{"energy_full_mwh":60000,"energy_mwh":39988,"status":"Discharging"},"atMs":1700000004000,)"
+        R"("before":{"energy_full_mwh":60000,"energy_mwh":40000,"status":"Discharging"},"childCpuMs":400,)"
+        R"("cpuMs":50,"endMs":1700000003900,"kind":"judged","model":"judge-model","onAC":false,)"
+        R"("startMs":1700000001000,"v":1,"wallMs":4000})"
+        "\n");
     EXPECT_FALSE(fs::exists(dir / "classifier-skip-energy.jsonl")) << "a judged run is no skip";
     EXPECT_EQ(machine.batteryReads, 0u) << "the tick reads the battery around the judgment itself";
 
@@ -119,14 +138,15 @@ TEST(TickEnergyRun, AJudgedTickAddsItsTimesToItsOwnReadingsAndASkipIsCountedInIt
         ClassifierTickEnergyLog::Run run(dir.path(), machine.probe(false), clock);
         clock.advance(12);
     }
-    EXPECT_EQ(testing::readFile(dir / "classifier-skip-energy.jsonl"),
-              R"({"atMs":1700000010013,"childCpuMs":0,"cpuMs":0,"kind":"skipped","v":1,"wallMs":12})"
-              "\n"
-              R"({"after":{"energy_full_mwh":60000,"energy_mwh":39980,"status":"Discharging"},"atMs":1700000020012,)"
-              R"("before":{"energy_full_mwh":60000,"energy_mwh":39980,"status":"Discharging"},"childCpuMs":0,)"
-              R"("cpuMs":0,"endMs":1700000020012,"kind":"skipped","onAC":false,"startMs":1700000020000,"v":1,)"
-              R"("wallMs":12})"
-              "\n");
+    EXPECT_EQ(
+        testing::readFile(dir / "classifier-skip-energy.jsonl"),
+        R"({"atMs":1700000010013,"childCpuMs":0,"cpuMs":0,"kind":"skipped","v":1,"wallMs":12})"
+        "\n"
+        R"({"after":{"energy_full_mwh":60000,"energy_mwh":39980,"status":"Discharging"},"atMs":1700000020012,)"
+        R"("before":{"energy_full_mwh":60000,"energy_mwh":39980,"status":"Discharging"},"childCpuMs":0,)"
+        R"("cpuMs":0,"endMs":1700000020012,"kind":"skipped","onAC":false,"startMs":1700000020000,"v":1,)"
+        R"("wallMs":12})"
+        "\n");
 
     // A run that ends in an exception was neither.
     EXPECT_THROW(
@@ -157,31 +177,47 @@ TEST(BatteryEnergy, CountersBecomeEnergyOnlyOnBatteryAndOnlyBetweenReadingsOfOne
         BatteryEnergy::Drawn drawn;
     };
     const std::vector<Case> cases{
-        {"energy counter", battery("Discharging", 40'000), battery("Discharging", 39'990), std::nullopt, 10.0},
+        {"energy counter", battery("Discharging", 40'000), battery("Discharging", 39'990), std::nullopt,
+         10.0},
         {"charge at the mean voltage", charged, sagged, std::nullopt, 115.0},
         {"status unknown, run on battery", noStatus, noStatusLater, false, 10.0},
         {"status unknown, run on AC", noStatus, noStatusLater, true, Unmeasured::onAC},
         {"charging", battery("Charging", 100), battery("Charging", 90), std::nullopt, Unmeasured::onAC},
-        {"another battery", battery("Discharging", 40'000), battery("Discharging", 30'000, 45'000), std::nullopt,
-         Unmeasured::differentBattery},
-        {"counter rose", battery("Discharging", 100), battery("Discharging", 110), std::nullopt, Unmeasured::rose},
+        {"another battery", battery("Discharging", 40'000), battery("Discharging", 30'000, 45'000),
+         std::nullopt, Unmeasured::differentBattery},
+        {"counter rose", battery("Discharging", 100), battery("Discharging", 110), std::nullopt,
+         Unmeasured::rose},
         {"percent only", percentOnly, percentOnly, false, Unmeasured::noCounters},
         {"one side missing", battery("Discharging", 100), std::nullopt, false, Unmeasured::noCounters},
     };
-    for (const Case& c : cases) EXPECT_EQ(BatteryEnergy::drawnDuringRun(c.before, c.after, c.onAC), c.drawn) << c.what;
+    for (const Case& c : cases)
+        EXPECT_EQ(BatteryEnergy::drawnDuringRun(c.before, c.after, c.onAC), c.drawn) << c.what;
 }
 
 TEST(EnergyRowDecoding, ReadsEveryKeyItKnowsAndNothingThatIsNotARow) {
-    EnergyRow full{EnergyKind::turn, 5, 1, 4, 3, 2, 1, false, battery("Discharging", 9), battery("Discharging", 8),
-                   "m\u00e9\U0001F600\n\"x\"", 1'200, 80};
+    EnergyRow full{EnergyKind::turn,
+                   5,
+                   1,
+                   4,
+                   3,
+                   2,
+                   1,
+                   false,
+                   battery("Discharging", 9),
+                   battery("Discharging", 8),
+                   "m\u00e9\U0001F600\n\"x\"",
+                   1'200,
+                   80};
     full.before->voltageMv = 11'000;
     const std::string line = JSONValue(EnergyLog::encode(full)).serialized();
     EXPECT_EQ(EnergyLog::decode(line), full);
-    for (size_t cut = 0; cut < line.size(); ++cut) EXPECT_FALSE(EnergyLog::decode(line.substr(0, cut))) << cut;
+    for (size_t cut = 0; cut < line.size(); ++cut)
+        EXPECT_FALSE(EnergyLog::decode(line.substr(0, cut))) << cut;
 
     EnergyRow future{EnergyKind::pass, 5};
     future.cpuMs = 7;
-    EXPECT_EQ(EnergyLog::decode(R"({"v":2,"kind":"pass","atMs":5,"new":{"deep":[1,{"x":null}],"s":"\u00e9"},"cpuMs":7})"),
+    EXPECT_EQ(EnergyLog::decode(
+                  R"({"v":2,"kind":"pass","atMs":5,"new":{"deep":[1,{"x":null}],"s":"\u00e9"},"cpuMs":7})"),
               future);
     const EnergyRow bare{EnergyKind::pass, 5};
     EXPECT_EQ(EnergyLog::decode(R"({"v":1,"atMs":5,"cpuMs":"7","onAC":1})", EnergyKind::pass), bare)
@@ -192,7 +228,8 @@ TEST(EnergyRowDecoding, ReadsEveryKeyItKnowsAndNothingThatIsNotARow) {
     for (const std::string& bad :
          {std::string(R"({"v":1,"atMs":5})"), std::string(R"({"v":1,"kind":"nap","atMs":5})"),
           std::string(R"({"kind":"pass","atMs":5})"), std::string(R"({"v":1,"kind":"pass"})"),
-          std::string(R"({"v":1,"kind":"pass","atMs":5}{"v":1)"), std::string(R"({"v":1,"kind":"pass","atMs":05})"),
+          std::string(R"({"v":1,"kind":"pass","atMs":5}{"v":1)"),
+          std::string(R"({"v":1,"kind":"pass","atMs":05})"),
           std::string(R"({"v":1,"kind":"pass","atMs":5,"model":"\ud800"})"),
           std::string("{\"v\":1,\"kind\":\"pass\",\"atMs\":5,\"model\":\"\xff\"}"),
           std::string("{\"v\":1,\"kind\":\"pass\",\"atMs\":5,\"model\":\"a\tb\"}"), deep})
@@ -203,14 +240,20 @@ TEST(EnergyRowsReader, ReadsFromTheEndAcrossChunksAndStopsWellBeforeThePeriod) {
     testing::TempDir dir;
     const int64_t since = 1'700'000'000'000;
     std::string skips = "not a row: the reading stopped before it\n";
-    for (int i = 0; i < 300; ++i) skips += R"({"v":1,"atMs":)" + std::to_string(since - 3 * 86'400'000 + i) + "}\n";
+    for (int i = 0; i < 300; ++i)
+        skips += R"({"v":1,"atMs":)" + std::to_string(since - 3 * 86'400'000 + i) + "}\n";
     for (int i = 0; i < 30'000; ++i) {
         // Out of order, and a torn line and one far too long in the middle.
-        skips += R"({"v":1,"atMs":)" + std::to_string(since + (i * 7'919) % 30'000) + R"(,"wallMs":8})" + "\n";
-        if (i == 15'000) skips += R"({"v":1,"atMs":17)" "\n" + std::string(2'500'000, 'x') + "\n";
+        skips +=
+            R"({"v":1,"atMs":)" + std::to_string(since + (i * 7'919) % 30'000) + R"(,"wallMs":8})" + "\n";
+        if (i == 15'000)
+            skips += R"({"v":1,"atMs":17)"
+                     "\n" +
+                     std::string(2'500'000, 'x') + "\n";
     }
     testing::writeFile(dir / "classifier-skip-energy.jsonl", skips + R"({"v":1,"atMs":)");
-    testing::writeFile(dir / "coach-turn-energy.jsonl", R"({"v":1,"atMs":1700000000001})" "\n");
+    testing::writeFile(dir / "coach-turn-energy.jsonl", R"({"v":1,"atMs":1700000000001})"
+                                                        "\n");
     fs::create_directories(dir / "dream-energy.jsonl");
 
     int64_t rows = 0, sum = 0;

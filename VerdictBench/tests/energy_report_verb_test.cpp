@@ -17,7 +17,7 @@ namespace fs = std::filesystem;
 using PowerSource::BatteryReading;
 
 constexpr int64_t day = 86'400'000, hour = 3'600'000, minute = 60'000;
-constexpr int64_t may1 = 1'714'521'600'000;  // Wed 01 May 2024 00:00 UTC
+constexpr int64_t may1 = 1'714'521'600'000;           // Wed 01 May 2024 00:00 UTC
 constexpr int64_t now = may1 + 13 * day + 15 * hour;  // Tue 14 May 15:00
 
 BatteryReading energyReading(const char* status, int64_t mwh, int64_t fullMwh = 60'000) {
@@ -37,17 +37,20 @@ BatteryReading chargeReading(int64_t mah, int64_t mv) {
 }
 
 class EnergyReport : public ::testing::Test {
-protected:
+  protected:
     // A run of `kind` from `startMs`, `wallMs` long, with the battery readings around it.
     void run(EnergyKind kind, int64_t startMs, int64_t wallMs, std::optional<BatteryReading> before = {},
              std::optional<BatteryReading> after = {}, int64_t cpuMs = 40, int64_t childCpuMs = 300) {
         EnergyRow row{kind, startMs + wallMs, startMs, startMs + wallMs, wallMs, cpuMs, childCpuMs};
         row.before = std::move(before);
         row.after = std::move(after);
-        if (kind == EnergyKind::turn) row.model = "coach-model", row.promptTokens = 1'500, row.completionTokens = 200;
+        if (kind == EnergyKind::turn)
+            row.model = "coach-model", row.promptTokens = 1'500, row.completionTokens = 200;
         add(row);
     }
-    void add(const EnergyRow& row) { raw(EnergyKinds::fileName(row.kind), JSONValue(EnergyLog::encode(row)).serialized()); }
+    void add(const EnergyRow& row) {
+        raw(EnergyKinds::fileName(row.kind), JSONValue(EnergyLog::encode(row)).serialized());
+    }
     void raw(const std::string& file, const std::string& line) { files[file] += line + "\n"; }
     // Checks on battery every five minutes from `fromMs`, each drawing `costs[i]` from `level`, with a
     // sampled skip reading between them that shows the machine's own draw.
@@ -67,8 +70,10 @@ protected:
     testing::ProcessResult report(const std::vector<std::string>& arguments) {
         for (const auto& [name, text] : files) testing::writeFile(root() / name, text);
         testing::ProcessOptions options;
-        options.environment = {{"AIMCAP_DATA_ROOT", root().string()}, {"TZ", "UTC"},
-                               {"XDG_DATA_HOME", (dir / "xdg").string()}, {"HOME", (dir / "home").string()}};
+        options.environment = {{"AIMCAP_DATA_ROOT", root().string()},
+                               {"TZ", "UTC"},
+                               {"XDG_DATA_HOME", (dir / "xdg").string()},
+                               {"HOME", (dir / "home").string()}};
         return testing::runProcess(testing::verdictBenchPath(), arguments, options);
     }
 
@@ -91,22 +96,28 @@ TEST_F(EnergyReport, AFortnightWithAndWithoutCountersOnBatteryAndOnACIsReportedW
     run(EnergyKind::judged, may1 + day + 9 * hour, 3'000, energyReading("Charging", 50'000),
         energyReading("Charging", 50'010));
     run(EnergyKind::skipped, may1 + day + 9 * hour + minute, 9, std::nullopt, std::nullopt, 5, 0);
-    run(EnergyKind::judged, may1 + 2 * day + 9 * hour, 5'000, chargeReading(4'000, 11'800), chargeReading(3'998, 11'600));
+    run(EnergyKind::judged, may1 + 2 * day + 9 * hour, 5'000, chargeReading(4'000, 11'800),
+        chargeReading(3'998, 11'600));
     run(EnergyKind::judged, may1 + 2 * day + 11 * hour, 4'000, energyReading("Discharging", 40'000),
         energyReading("Discharging", 0));  // a misread counter
     run(EnergyKind::judged, may1 + 4 * day + 9 * hour, 6'000);
     run(EnergyKind::turn, may1 + 4 * day + 9 * hour + minute, 20'000, std::nullopt, std::nullopt, 2'500, 0);
     // Mon: the battery is swapped between two checks, and during a third.
     level = checksOnBattery(may1 + 5 * day + 9 * hour, 30'000, {10});
-    run(EnergyKind::judged, may1 + 5 * day + 9 * hour + 6 * minute, 4'000, energyReading("Discharging", level),
-        energyReading("Discharging", 44'000, 45'000));
+    run(EnergyKind::judged, may1 + 5 * day + 9 * hour + 6 * minute, 4'000,
+        energyReading("Discharging", level), energyReading("Discharging", 44'000, 45'000));
     checksOnBattery(may1 + 5 * day + 9 * hour + 8 * minute, 43'990, {8}, 45'000);
     // Tue: rows out of order, one from a later version, a clock that jumped back, a torn last line.
-    raw("classifier-tick-energy.jsonl",
-        R"({"v":2,"kind":"judged","atMs":)" + std::to_string(may1 + 6 * day + 10 * hour) +
-            R"(,"wallMs":2000,"cpuMs":30,"gpu":{"joules":[1,2]}})");
-    EnergyRow jumped{EnergyKind::judged, may1 + 6 * day + 9 * hour, may1 + 6 * day + 9 * hour + hour,
-                     may1 + 6 * day + 9 * hour, 3'000, 35, 0};
+    raw("classifier-tick-energy.jsonl", R"({"v":2,"kind":"judged","atMs":)" +
+                                            std::to_string(may1 + 6 * day + 10 * hour) +
+                                            R"(,"wallMs":2000,"cpuMs":30,"gpu":{"joules":[1,2]}})");
+    EnergyRow jumped{EnergyKind::judged,
+                     may1 + 6 * day + 9 * hour,
+                     may1 + 6 * day + 9 * hour + hour,
+                     may1 + 6 * day + 9 * hour,
+                     3'000,
+                     35,
+                     0};
     jumped.before = energyReading("Discharging", 20'000);
     jumped.after = energyReading("Discharging", 19'990);
     add(jumped);
@@ -115,12 +126,14 @@ TEST_F(EnergyReport, AFortnightWithAndWithoutCountersOnBatteryAndOnACIsReportedW
     checksOnBattery(may1 + 13 * day + 14 * hour, 20'000, {20, 16});
     run(EnergyKind::judged, may1 - hour, 4'000);
     run(EnergyKind::judged, now + minute, 4'000);
-    raw("dream-energy.jsonl", R"({"v":1,"atMs":)" + std::to_string(may1 + 8 * day) + R"(,"cpuMs":60000,"wallMs":300000})");
+    raw("dream-energy.jsonl",
+        R"({"v":1,"atMs":)" + std::to_string(may1 + 8 * day) + R"(,"cpuMs":60000,"wallMs":300000})");
 
     const auto result = report({"energy-report", "--now-ms", std::to_string(now)});
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
     EXPECT_EQ(result.standardError, "");
-    EXPECT_EQ(result.standardOutput, R"(Energy report: Wed 01 May 2024 to Tue 14 May 2024, up to 15:00 local time
+    EXPECT_EQ(
+        result.standardOutput, R"(Energy report: Wed 01 May 2024 to Tue 14 May 2024, up to 15:00 local time
 Data root: )" + root().string() + R"(
 
 Day         Judged  Skipped  Energy/check  Time/check  Turns  Gate calls  Passes  Battery      CPU
@@ -174,7 +187,8 @@ Notes:
      totals, and its time counts only where the monotonic clock measured it.
 )");
     std::vector<std::string> listed;
-    for (const auto& entry : fs::recursive_directory_iterator(dir.path())) listed.push_back(entry.path().filename());
+    for (const auto& entry : fs::recursive_directory_iterator(dir.path()))
+        listed.push_back(entry.path().filename());
     EXPECT_EQ(listed.size(), 5u) << "the root and its four files, and nothing else";
 }
 
@@ -184,11 +198,13 @@ TEST_F(EnergyReport, WithoutBatteryCountersItSaysSoAndStandsOnCPUTime) {
     run(EnergyKind::skipped, now - hour + minute, 12, std::nullopt, std::nullopt, 7, 0);
     run(EnergyKind::pass, now - 12 * hour, 5 * minute, std::nullopt, std::nullopt, 90'000, 0);
     const auto result = report({"energy-report", "--now-ms", std::to_string(now)});
-    const std::string days = "Wed 01 May\nThu 02 May\nFri 03 May\nSat 04 May\nSun 05 May\nMon 06 May\nTue 07 May\n"
-                             "Wed 08 May\nThu 09 May\nFri 10 May\nSat 11 May\nSun 12 May\nMon 13 May\n";
+    const std::string days =
+        "Wed 01 May\nThu 02 May\nFri 03 May\nSat 04 May\nSun 05 May\nMon 06 May\nTue 07 May\n"
+        "Wed 08 May\nThu 09 May\nFri 10 May\nSat 11 May\nSun 12 May\nMon 13 May\n";
     std::string nothing;
     for (size_t at = 0; at < days.size(); at += 11) nothing += days.substr(at, 10) + "  nothing recorded\n";
-    EXPECT_EQ(result.standardOutput, R"(Energy report: Wed 01 May 2024 to Tue 14 May 2024, up to 15:00 local time
+    EXPECT_EQ(
+        result.standardOutput, R"(Energy report: Wed 01 May 2024 to Tue 14 May 2024, up to 15:00 local time
 Data root: )" + root().string() + R"(
 
 The battery counters gave nothing in this period (no battery, or one that reports no energy),

@@ -24,13 +24,18 @@ TEST(TickEnergyRows, AJudgedTickAndASkipEachLeaveTheirRow) {
     signals.tick({.tsMs = ts, .frontmostApp = "Editor", .idleAnySec = 1.0});
     signals.window({.tsMs = ts, .ownerName = "Editor", .title = "notes.md"});
     server.enqueue("/v1/chat/completions",
-                   ScriptedModelServer::Reply::json(200, ScriptedModelServer::completionBody(
-                                                             R"({"state": "ON_TASK", "confidence": 0.8, "reason": "ok"})")));
+                   ScriptedModelServer::Reply::json(
+                       200, ScriptedModelServer::completionBody(
+                                R"({"state": "ON_TASK", "confidence": 0.8, "reason": "ok"})")));
     testing::ProcessOptions options;
     options.environment = testing::verdictBenchEnvironment(dir.path(), server.baseURLString());
     options.environment["PATH"] = (dir / "bin").string() + ":/usr/bin:/bin";
-    options.unset = {"DISPLAY", "WAYLAND_DISPLAY", "AIMCAP_CLASSIFY_MIN_INTERVAL_SEC", "AIMCAP_CLASSIFY_MAX_INTERVAL_SEC",
-                     "AIMCAP_CLASSIFY_REQUIRE_AC", "AIMCAP_CALL_PAUSE"};
+    options.unset = {"DISPLAY",
+                     "WAYLAND_DISPLAY",
+                     "AIMCAP_CLASSIFY_MIN_INTERVAL_SEC",
+                     "AIMCAP_CLASSIFY_MAX_INTERVAL_SEC",
+                     "AIMCAP_CLASSIFY_REQUIRE_AC",
+                     "AIMCAP_CALL_PAUSE"};
     for (int run = 0; run < 2; ++run) {
         const auto result = testing::runProcess(testing::verdictBenchPath(), {"tick"}, options);
         ASSERT_EQ(result.exitStatus, 0) << result.standardError;
@@ -39,7 +44,8 @@ TEST(TickEnergyRows, AJudgedTickAndASkipEachLeaveTheirRow) {
     const json judged = json::parse(testing::readFile(dir / "root" / "classifier-tick-energy.jsonl"));
     EXPECT_EQ(judged["kind"], "judged");
     EXPECT_EQ(judged["v"], 1);
-    EXPECT_GE(judged["wallMs"].get<int64_t>(), judged["endMs"].get<int64_t>() - judged["startMs"].get<int64_t>());
+    EXPECT_GE(judged["wallMs"].get<int64_t>(),
+              judged["endMs"].get<int64_t>() - judged["startMs"].get<int64_t>());
     EXPECT_GE(judged["cpuMs"].get<int64_t>(), 0);
     EXPECT_GE(judged["childCpuMs"].get<int64_t>(), 0);
 
