@@ -32,6 +32,7 @@ constexpr Verb verbTable[] = {
     {"ocr-selftest", aimwise::verbs::runOcrSelftest},
     {"integrity", aimwise::verbs::runIntegrity},
     {"staleness", aimwise::verbs::runStaleness},
+    {"energy-report", aimwise::verbs::runEnergyReport},
 };
 
 }  // namespace

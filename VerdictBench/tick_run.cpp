@@ -159,6 +159,8 @@ void discloseEndedBackoffWindow(const fs::path& dataRoot, const std::optional<st
 
 int runTick(const Platform& platform) {
     const fs::path dataRoot = DataPaths::dataRoot();
+    // Writes the skip's row when the run returns without judging.
+    ClassifierTickEnergyLog::Run energy(dataRoot, {platform.batteryTelemetry});
     const fs::path signalsPath = dataRoot / "signals.sqlite";
     const auto events = cli::readEventLogIfPresent(dataRoot / "io-layer" / "events.jsonl");
 
@@ -349,8 +351,7 @@ int runTick(const Platform& platform) {
         }
     }
     try {
-        ClassifierTickEnergyLog::append({atMs, startMs, endMs, model, before, after},
-                                        dataRoot / ClassifierTickEnergyLog::fileName);
+        energy.judged({atMs, startMs, endMs, model, before, after});
     } catch (const EventLogWriterError& error) {
         warn("tick energy log append failed (tick was still written): " + error.description());
     } catch (const std::exception& error) {

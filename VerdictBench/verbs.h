@@ -16,5 +16,6 @@ int runReplay(const cli::Invocation& invocation);
 int runShadow(const cli::Invocation& invocation);
 int runShadowCompare(const cli::Invocation& invocation);
 int runRamp(const cli::Invocation& invocation);
+int runEnergyReport(const cli::Invocation& invocation);
 
 }  // namespace aimwise::verbs

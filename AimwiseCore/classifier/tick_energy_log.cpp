@@ -1,43 +1,69 @@
 #include "AimwiseCore/classifier/tick_energy_log.h"
 
+#include "AimwiseCore/energy/battery_energy.h"
 #include "AimwiseCore/events/jsonl_append.h"
 
-namespace aimwise {
+namespace aimwise::ClassifierTickEnergyLog {
 
-namespace BatteryTelemetry {
+namespace {
 
-std::optional<PowerSource::BatteryReading> read() { return PowerSource::readBattery(); }
-
-JSONValue::Object toJSON(const PowerSource::BatteryReading& reading) {
-    JSONValue::Object object;
-    const auto put = [&](const char* key, const std::optional<int64_t>& value) {
-        if (value) object[key] = *value;
-    };
-    if (reading.status) object["status"] = *reading.status;
-    put("voltage_mv", reading.voltageMv);
-    put("current_ma", reading.currentMa);
-    put("power_mw", reading.powerMw);
-    put("energy_mwh", reading.energyMwh);
-    put("energy_full_mwh", reading.energyFullMwh);
-    put("charge_mah", reading.chargeMah);
-    put("charge_full_mah", reading.chargeFullMah);
-    put("capacity_pct", reading.capacityPercent);
-    return object;
+EnergyMeter::Readings sampling(const Clock& clock) {
+    return clock.wallMs() % skipSampleEvery == 0 ? EnergyMeter::Readings::battery
+                                                 : EnergyMeter::Readings::timesOnly;
 }
 
-}  // namespace BatteryTelemetry
+std::optional<bool> onACFrom(const Row& row) {
+    if (!row.before || !row.after) return std::nullopt;
+    const auto before = BatteryEnergy::onACFromStatus(row.before->status);
+    const auto after = BatteryEnergy::onACFromStatus(row.after->status);
+    return before == after ? before : std::nullopt;
+}
 
-namespace ClassifierTickEnergyLog {
+}  // namespace
+
+EnergyRow energyRow(const Row& row) {
+    EnergyRow energy;
+    energy.kind = EnergyKind::judged;
+    energy.atMs = row.atMs;
+    energy.startMs = row.startMs;
+    energy.endMs = row.endMs;
+    energy.model = row.model;
+    energy.before = row.before;
+    energy.after = row.after;
+    energy.onAC = onACFrom(row);
+    return energy;
+}
 
 JSONValue::Object encode(const Row& row) {
-    JSONValue::Object object{{"v", 1},           {"atMs", row.atMs},   {"startMs", row.startMs},
-                             {"endMs", row.endMs}, {"model", row.model}};
-    if (row.before) object["before"] = BatteryTelemetry::toJSON(*row.before);
-    if (row.after) object["after"] = BatteryTelemetry::toJSON(*row.after);
-    return object;
+    return EnergyLog::encode(energyRow(row));
 }
 
-void append(const Row& row, const std::filesystem::path& to) { JSONLAppend::append(encode(row), to); }
+void append(const Row& row, const std::filesystem::path& to) {
+    JSONLAppend::append(encode(row), to);
+}
 
-}  // namespace ClassifierTickEnergyLog
-}  // namespace aimwise
+Run::Run(const std::filesystem::path& dataRoot, EnergyProbe probe, const Clock& clock)
+    : dataRoot_(dataRoot),
+      meter_(EnergyMeter::start(EnergyKind::skipped, dataRoot, std::move(probe), clock, sampling(clock))) {}
+
+Run::~Run() {
+    if (written_ || std::uncaught_exceptions() > uncaughtAtStart_) return;
+    try {
+        EnergyLog::append(meter_.measure(), dataRoot_);
+    } catch (...) {
+        // A skip's tally is not worth a word on the tick's output.
+    }
+}
+
+EnergyRow Run::judged(const Row& row) {
+    written_ = true;
+    const EnergyRow times = meter_.measureTimes();
+    EnergyRow energy = energyRow(row);
+    energy.wallMs = times.wallMs;
+    energy.cpuMs = times.cpuMs;
+    energy.childCpuMs = times.childCpuMs;
+    EnergyLog::append(energy, dataRoot_);
+    return energy;
+}
+
+}  // namespace aimwise::ClassifierTickEnergyLog

@@ -70,6 +70,8 @@ std::vector<Entry> buildEntries() {
                           "CoachFeedbackWriter"));
     e.push_back(wholesale("model-request-dumps", "RequestDump (CoachDriver, opt-in)"));
     e.push_back(wholesale("ramp-proxy-bench", "VerdictBench ramp bench"));
+    e.push_back(file("classifier-skip-energy.jsonl", "ClassifierTickEnergyLog (skipped ticks)"));
+    e.push_back(file("dream-energy.jsonl", "EnergyMeter (nightly job)"));
     return e;
 }
 
