@@ -130,7 +130,7 @@ std::string renderCoachSession(const EventLogEvent& event) {
     const double* count = turns ? turns->numberIfAny() : nullptr;
     const auto reason = nonBlank(detailString(event, "end_reason"));
     return at(event.tsMs) + " spoke about " + (task ? quotedWords(*task) : "(no task)") + ", " +
-           shortestRoundTrip(count && std::isfinite(*count) ? std::trunc(*count) : 0) + " turn(s), " +
+           GoQuietArguments::minutesText(count && std::isfinite(*count) ? std::trunc(*count) : 0) + " turn(s), " +
            (reason ? ScreenText::sanitize(*reason, 80) : "ended");
 }
 

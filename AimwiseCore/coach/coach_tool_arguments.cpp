@@ -65,7 +65,10 @@ Parsed parse(const JSONValue& value) {
     return Minutes{*number, std::clamp(*number, minMinutes, maxMinutes)};
 }
 
-std::string minutesText(double minutes) { return shortestRoundTrip(minutes); }
+std::string minutesText(double minutes) {
+    if (minutes == std::trunc(minutes) && std::fabs(minutes) < 1e15) return std::to_string(static_cast<int64_t>(minutes));
+    return shortestRoundTrip(minutes);
+}
 
 std::string resultText(const JSONValue& value) {
     const std::string bounds = minutesText(minMinutes) + "-" + minutesText(maxMinutes);

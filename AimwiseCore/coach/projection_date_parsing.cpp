@@ -113,24 +113,24 @@ class HourStarts {
 public:
     std::optional<int64_t> parse(std::string_view text) {
         const auto fields = exactFields(text);
-        if (!fields) return parseLocalUncached(text);
+        if (!fields) return parseLocal(text);
         const int64_t key = ((int64_t(fields->year) * 100 + fields->month) * 100 + fields->day) * 100 + fields->hour;
         auto it = starts_.find(key);
         if (it == starts_.end()) it = starts_.emplace(key, plainHourStart(*fields)).first;
-        if (!it->second) return parseLocalUncached(text);
+        if (!it->second) return parseLocal(text);
         return *it->second + fields->minute * 60'000 + fields->second * 1'000;
     }
 
 private:
     static std::optional<int64_t> plainHourStart(const Fields& f) {
-        const auto start = parseLocalUncached(hourText(f.year, f.month, f.day, f.hour));
+        const auto start = parseLocal(hourText(f.year, f.month, f.day, f.hour));
         if (!start) return std::nullopt;
         using namespace std::chrono;
         const year_month_day next =
             f.hour < 23 ? year_month_day{year{f.year}, month{unsigned(f.month)}, day{unsigned(f.day)}}
                         : year_month_day{sys_days{year{f.year} / month{unsigned(f.month)} / day{unsigned(f.day)}} + days{1}};
-        const auto end = parseLocalUncached(hourText(int(next.year()), int(unsigned(next.month())),
-                                                     int(unsigned(next.day())), (f.hour + 1) % 24));
+        const auto end = parseLocal(hourText(int(next.year()), int(unsigned(next.month())), int(unsigned(next.day())),
+                                             (f.hour + 1) % 24));
         if (!end || *end - *start != 3'600'000) return std::nullopt;
         return start;
     }
@@ -141,13 +141,10 @@ private:
 }  // namespace
 
 std::vector<std::optional<int64_t>> parseLocalMany(std::span<const std::string_view> texts) {
-    std::vector<std::optional<int64_t>> out(texts.size());
-    // An overlong text cannot be a date; it reaches the memo as the empty text, as a failure.
-    std::vector<std::string_view> keys(texts.begin(), texts.end());
-    for (auto& key : keys)
-        if (key.size() > maxDateLength) key = {};
+    std::vector<std::optional<int64_t>> out;
+    out.reserve(texts.size());
     HourStarts hours;
-    DateParseMemo::shared().values(keys, out, [&](std::string_view text) { return hours.parse(text); });
+    for (const std::string_view text : texts) out.push_back(hours.parse(text));
     return out;
 }
 

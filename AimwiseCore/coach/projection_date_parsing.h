@@ -25,21 +25,6 @@ public:
     // than `capacity` entries is emptied whole before the store: no eviction order to maintain.
     std::optional<int64_t> value(std::string_view text,
                                  const std::function<std::optional<int64_t>(std::string_view)>& parse);
-    // The answers for many texts under one hold of the lock: what a projection over a month of
-    // classifier lines needs. Misses go to `parse` and are remembered like any other.
-    template <typename Parse>
-    void values(std::span<const std::string_view> texts, std::span<std::optional<int64_t>> out, Parse&& parse) {
-        std::lock_guard guard(lock_);
-        for (size_t i = 0; i < texts.size() && i < out.size(); ++i) {
-            if (const auto it = entries_.find(texts[i]); it != entries_.end()) {
-                out[i] = it->second;
-                continue;
-            }
-            out[i] = parse(texts[i]);
-            if (entries_.size() > capacity_) entries_.clear();
-            entries_.emplace(std::string(texts[i]), out[i]);
-        }
-    }
     size_t count() const;
     void clear();
 
@@ -60,10 +45,10 @@ namespace ProjectionDateParsing {
 // Milliseconds since the epoch, or nothing for text not wholly in the format.
 std::optional<int64_t> parseLocal(std::string_view text);
 std::optional<int64_t> parseLocalUncached(std::string_view text);
-// The same answers as parseLocal for each text, through the memo under one hold of its lock. Texts
-// new to the memo in the exact format take a fast path: each local hour is read once and the
-// minutes and seconds added, unless the hour is not a plain sixty minutes (a change of daylight
-// saving), which is read whole like any other text.
+// The same answers as parseLocal for each text, for a month of classifier lines at once. A text in
+// the exact format is read as the start of its local hour (through the memo, so each hour is read
+// once per process) plus its minutes and seconds, unless that hour is not a plain sixty minutes (a
+// change of daylight saving); those texts, and any other, go through parseLocal itself.
 std::vector<std::optional<int64_t>> parseLocalMany(std::span<const std::string_view> texts);
 // The same format, to the second.
 std::string formatLocal(int64_t ms);

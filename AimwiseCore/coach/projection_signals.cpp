@@ -36,8 +36,10 @@ size_t firstAfter(std::span<const TimedTick> ticks, std::optional<int64_t> ms) {
 }
 
 std::optional<int64_t> lastDecisionMs(std::span<const EventLogEvent> events, int64_t asOfMs) {
-    for (size_t i = events.size(); i-- > 0;)
-        if (events[i].tsMs <= asOfMs && events[i].type == "coach_decision") return events[i].tsMs;
+    const auto end = std::upper_bound(events.begin(), events.end(), asOfMs,
+                                      [](int64_t ms, const EventLogEvent& e) { return ms < e.tsMs; });
+    for (auto it = end; it != events.begin();)
+        if ((--it)->type == "coach_decision") return it->tsMs;
     return std::nullopt;
 }
 
@@ -66,18 +68,27 @@ std::optional<DriftSignal> latestOffTaskDriftSignal(std::span<const EventLogEven
                                                     std::span<const TimedTick> ticks, int64_t asOfMs,
                                                     std::optional<int64_t> countSinceMs) {
     const auto span = ticksUpTo(ticks, asOfMs);
-    const size_t first = firstAfter(span, QuietWindows::lastBackOffStartMs(events, asOfMs));
-    std::optional<DriftSignal> signal;
-    const size_t countFrom = std::max(first, firstAfter(span, countSinceMs));
-    for (size_t i = span.size(); i-- > first;) {
-        const ClassifierTick& tick = *span[i].tick;
-        if (!hasState(tick, notAligned) || isNotEvidenceOfDrift(tick)) continue;
-        if (!signal) signal = DriftSignal{&tick, span[i].ms, span[i].ms, 0};
-        if (i < countFrom) break;
-        ++signal->count;
-        signal->firstMs = span[i].ms;
-    }
-    if (signal && signal->count == 0) signal->count = 1;
+    const size_t floor = firstAfter(span, countSinceMs);
+    const auto isDrift = [&](size_t i) {
+        return hasState(*span[i].tick, notAligned) && !isNotEvidenceOfDrift(*span[i].tick);
+    };
+    size_t newest = span.size();
+    for (size_t i = span.size(); i-- > floor;)
+        if (isDrift(i)) {
+            newest = i;
+            break;
+        }
+    if (newest == span.size()) return std::nullopt;
+    // A quiet window begun since then means the coach already chose to hold this.
+    if (QuietWindows::lastBackOffStartMs(events, asOfMs, span[newest].ms)) return std::nullopt;
+    const size_t first = std::max(floor, firstAfter(span, QuietWindows::lastBackOffStartMs(events, span[newest].ms,
+                                                                                          countSinceMs)));
+    DriftSignal signal{span[newest].tick, span[newest].ms, span[newest].ms, 0};
+    for (size_t i = newest + 1; i-- > first;)
+        if (isDrift(i)) {
+            ++signal.count;
+            signal.firstMs = span[i].ms;
+        }
     return signal;
 }
 
@@ -85,8 +96,8 @@ std::optional<OnTaskSignal> latestOnTaskCheckinSignal(std::span<const EventLogEv
                                                       std::span<const TimedTick> ticks, int64_t asOfMs,
                                                       int everyTicks) {
     const auto span = ticksUpTo(ticks, asOfMs);
-    const size_t first = firstAfter(span, later(lastDecisionMs(events, asOfMs),
-                                                QuietWindows::lastBackOffStartMs(events, asOfMs)));
+    const auto decisionMs = lastDecisionMs(events, asOfMs);
+    const size_t first = firstAfter(span, later(decisionMs, QuietWindows::lastBackOffStartMs(events, asOfMs, decisionMs)));
     // What the classifier judged just before the count starts decides whether the first on-task tick
     // is a return.
     const ClassifierTick* previous = nullptr;

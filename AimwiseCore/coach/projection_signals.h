@@ -34,7 +34,8 @@ struct OnTaskSignal {
 bool isNotEvidenceOfDrift(const ClassifierTick& tick);
 
 // The newest NOT_ALIGNED tick at or before `asOfMs` that is evidence, after the newest quiet window
-// began. Events and ticks in time order.
+// began. Events and ticks in time order. A caller that only wants a signal after some time (the last
+// turn) passes it as `countSinceMs`: older drift is then neither looked for nor counted.
 std::optional<DriftSignal> latestOffTaskDriftSignal(std::span<const EventLogEvent> events,
                                                     std::span<const TimedTick> ticks, int64_t asOfMs,
                                                     std::optional<int64_t> countSinceMs = std::nullopt);

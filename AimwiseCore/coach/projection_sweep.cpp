@@ -5,6 +5,7 @@
 #include <set>
 
 #include "AimwiseCore/coach/coach_output_guards.h"
+#include "AimwiseCore/coach/coach_tool_arguments.h"
 #include "AimwiseCore/coach/coach_tools.h"
 #include "CaptureShared/common/text.h"
 
@@ -145,8 +146,8 @@ std::vector<Finding> monotonicityFindings(const std::vector<EventLogEvent>& even
             if (previous && count > previous->second)
                 findings.push_back({"monotonic-no-new-leaks-with-depth", asOfMs,
                                     "leak count rose from " + std::to_string(previous->second) + " to " +
-                                        std::to_string(count) + " (depth " + shortestRoundTrip(previous->first) +
-                                        "h to " + shortestRoundTrip(depth) + "h)"});
+                                        std::to_string(count) + " (depth " + GoQuietArguments::minutesText(previous->first) +
+                                        "h to " + GoQuietArguments::minutesText(depth) + "h)"});
             previous = {depth, count};
         }
     }

@@ -79,10 +79,17 @@ bool userQuietIsActive(std::span<const EventLogEvent> events, int64_t asOfMs) {
     return window && window->isActive(asOfMs);
 }
 
-std::optional<int64_t> lastBackOffStartMs(std::span<const EventLogEvent> events, int64_t asOfMs) {
+bool startsQuietWindow(const EventLogEvent& event) {
+    return startsWindow(event, Kind::doNotDisturb) || startsWindow(event, Kind::userQuiet);
+}
+
+std::optional<int64_t> lastBackOffStartMs(std::span<const EventLogEvent> events, int64_t asOfMs,
+                                          std::optional<int64_t> afterMs) {
     const auto span = upTo(events, asOfMs);
-    for (size_t i = span.size(); i-- > 0;)
-        if (startsWindow(span[i], Kind::doNotDisturb) || startsWindow(span[i], Kind::userQuiet)) return span[i].tsMs;
+    for (size_t i = span.size(); i-- > 0;) {
+        if (afterMs && span[i].tsMs <= *afterMs) break;
+        if (startsQuietWindow(span[i])) return span[i].tsMs;
+    }
     return std::nullopt;
 }
 

@@ -41,8 +41,11 @@ std::optional<QuietWindow> latestUserQuietWindow(std::span<const EventLogEvent> 
 // The end of the coach's own back-off when one is in force at `asOfMs`.
 std::optional<int64_t> latestBackOffUntilMs(std::span<const EventLogEvent> events, int64_t asOfMs);
 bool userQuietIsActive(std::span<const EventLogEvent> events, int64_t asOfMs);
-// When the newest window of either kind began: what the classifier saw before it was already dealt with.
-std::optional<int64_t> lastBackOffStartMs(std::span<const EventLogEvent> events, int64_t asOfMs);
+// When the newest window of either kind began: what the classifier saw before it was already dealt
+// with. Only starts after `afterMs` are looked for, which bounds the walk back through the log.
+std::optional<int64_t> lastBackOffStartMs(std::span<const EventLogEvent> events, int64_t asOfMs,
+                                          std::optional<int64_t> afterMs = std::nullopt);
+bool startsQuietWindow(const EventLogEvent& event);
 
 // The one answer to "may the coach speak now?": nothing when it may; otherwise the window that keeps
 // it quiet longest, and so until when. The person's own quiet wins a tie.

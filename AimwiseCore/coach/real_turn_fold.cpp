@@ -56,8 +56,7 @@ bool isMarker(const std::string& type) {
 
 // A count as a person reads it: whole, or truncated to one decimal.
 std::string tenths(double value) {
-    const double truncated = std::trunc(value * 10.0) / 10.0;
-    return shortestRoundTrip(truncated);
+    return GoQuietArguments::minutesText(std::trunc(value * 10.0) / 10.0);
 }
 
 std::string cappedName(const std::string& name) { return name.size() > 64 ? name.substr(0, 64) + "…" : name; }
@@ -297,9 +296,9 @@ std::string renderToolCallDenied(const EventLogEvent& event) {
 std::string renderTurnTruncated(const EventLogEvent& event) {
     std::string text = "your last reply was cut off before it finished — it hit the token limit";
     if (const auto completion = detailNumber(event.detail, "completion_tokens")) {
-        text += " after about " + shortestRoundTrip(std::trunc(*completion)) + " tokens";
+        text += " after about " + GoQuietArguments::minutesText(std::trunc(*completion)) + " tokens";
         if (const auto reasoning = detailNumber(event.detail, "reasoning_tokens"))
-            text += " (" + shortestRoundTrip(std::trunc(*reasoning)) + " of them reasoning)";
+            text += " (" + GoQuietArguments::minutesText(std::trunc(*reasoning)) + " of them reasoning)";
     }
     return text +
            ". That output was discarded, not shown to them, and won't be retried — the token budget is shared between "
