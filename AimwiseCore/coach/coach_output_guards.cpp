@@ -25,12 +25,23 @@ struct Edited {
     explicit Edited(std::string_view input) : text(input), lower(input) {
         std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
     }
+    // A line that held only what was removed goes with it; a removal that took its own newline has
+    // already taken its line.
     void erase(size_t begin, size_t end) {
         end = std::min(end, text.size());
         if (begin >= end) return;
+        const bool tookNewline = text[end - 1] == '\n';
         text.erase(begin, end - begin);
         lower.erase(begin, end - begin);
         changed = true;
+        if (tookNewline) return;
+        const size_t lineStart = begin == 0 ? 0 : text.rfind('\n', begin - 1) + 1;
+        const size_t lineStop = lineEnd(begin);
+        if (text.find_first_not_of(" \t\r", lineStart) < lineStop) return;
+        const size_t from = lineStop < text.size() || lineStart == 0 ? lineStart : lineStart - 1;
+        const size_t to = lineStop < text.size() ? lineStop + 1 : lineStop;
+        text.erase(from, to - from);
+        lower.erase(from, to - from);
     }
     size_t find(std::string_view what, size_t from = 0) const { return lower.find(what, from); }
     size_t lineEnd(size_t from) const {
@@ -63,6 +74,7 @@ void removeMachineBlocks(Edited& e) {
             const size_t closeAt = e.find(close, at + open.size());
             e.erase(at, closeAt == std::string::npos ? e.text.size() : closeAt + close.size());
         }
+        for (size_t at = e.find(close); at != std::string::npos; at = e.find(close, at)) e.erase(at, at + close.size());
     }
     // Markers that introduce a call written out to the end of their line.
     for (const std::string_view lead : {std::string_view("[tool_calls]"), std::string_view("<|python_tag|>")})
@@ -73,6 +85,7 @@ void removeMachineBlocks(Edited& e) {
 // with the role word that follows an opening one.
 void removeTemplateTokens(Edited& e) {
     const auto dropRoleAfter = [&](size_t at) {
+        if (at >= e.text.size()) return;
         for (const std::string_view role : {"assistant", "user", "system", "tool", "model"}) {
             if (e.lower.compare(at, role.size(), role) == 0 &&
                 (at + role.size() == e.text.size() || !isIdentifierChar(e.text[at + role.size()]))) {
@@ -185,18 +198,18 @@ bool namesACallableTool(std::string_view object) {
     return false;
 }
 
-// {"name": "write_task", "arguments": {...}}: a call written as the object a server would send.
+// {"name": "write_task", "arguments": {...}}: a call written as the object a server would send. One
+// cut off before its closing brace runs to the end.
 void removeCallObjects(Edited& e) {
     for (size_t at = e.text.find('{'); at != std::string::npos; at = e.text.find('{', at)) {
         const size_t close = matchingClose(e.text, at, '{', '}');
-        if (close == std::string::npos) break;
-        const std::string_view object(e.lower.data() + at, close + 1 - at);
-        const bool isCall = (object.find("\"name\"") != std::string_view::npos ||
-                             object.find("\"function\"") != std::string_view::npos) &&
-                            (object.find("\"arguments\"") != std::string_view::npos ||
-                             object.find("\"parameters\"") != std::string_view::npos) &&
-                            namesACallableTool(object);
-        if (isCall) e.erase(at, close + 1);
+        const size_t end = close == std::string::npos ? e.text.size() : close + 1;
+        const std::string_view object(e.lower.data() + at, end - at);
+        const bool named = object.find("\"name\"") != std::string_view::npos ||
+                           object.find("\"function\"") != std::string_view::npos;
+        const bool withArguments = object.find("\"arguments\"") != std::string_view::npos ||
+                                   object.find("\"parameters\"") != std::string_view::npos;
+        if (named && (withArguments || close == std::string::npos) && namesACallableTool(object)) e.erase(at, end);
         else ++at;
     }
 }
