@@ -6,6 +6,7 @@
 #include <unicode/timezone.h>
 
 #include "AimwiseCore/coach/coach_projection_source.h"
+#include "AimwiseCore/coach/gate_message_source.h"
 #include "AimwiseCore/coach/meds_checkins.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/coach/projection_time_text.h"
@@ -253,6 +254,19 @@ TEST_F(CoachProjectionTest, MedicationCheckInsAreDueFromTheirTimeUntilMarkedAndO
               "about it at 13:30). A check-in is one short question inside a message that is going out anyway, asked "
               "once; it is never a reason to interrupt on its own.");
     EXPECT_TRUE(MedsCheckins::outstanding(log, at("17:01"), true).empty()) << "no longer due four hours on";
+
+    // The gate hears of them once they are turned on, from a schedule set days before its window.
+    testing::TempDir root;
+    std::vector<EventLogEvent> lines = log;
+    lines.front().tsMs -= 3 * 86'400'000;
+    std::string text;
+    for (const EventLogEvent& line : lines) text += line.encoded() + "\n";
+    testing::writeFile(root.path() / "io-layer" / "events.jsonl", text);
+    GateMessageSource source(root.path());
+    EXPECT_EQ(source.build(at("14:00"), {}).message.find("Medication check-ins"), std::string::npos);
+    CoachPreferencesStore::write({.medsRemindersEnabled = true}, root.path());
+    EXPECT_NE(source.build(at("14:00"), {}).message.find("\n\nMedication check-ins they asked for: \"Ritalin\" was due at 13:00"),
+              std::string::npos);
 }
 
 TEST_F(CoachProjectionTest, TheDriversSourceReadsOnlyNewLinesAndReportsLinesThatDoNotDecode) {
