@@ -1,7 +1,9 @@
 #include "AimwiseCore/coach/coach_projection_source.h"
 
 #include <algorithm>
+#include <cmath>
 
+#include "AimwiseCore/coach/meds_checkins.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
 
 namespace aimwise {
@@ -23,8 +25,8 @@ void appendInOrder(std::vector<Row>& held, size_t before, Less less) {
 
 }  // namespace
 
-CoachProjectionSource::CoachProjectionSource(const fs::path& dataRoot, Log log)
-    : log_(std::move(log)),
+CoachProjectionSource::CoachProjectionSource(const fs::path& dataRoot, Log log, int64_t retainMs)
+    : log_(std::move(log)), retainMs_(retainMs),
       eventsReader_(dataRoot / "io-layer" / "events.jsonl",
                     [counter = eventsSkipped_](std::string_view line) {
                         auto event = EventLogEvent::decode(line);
@@ -52,7 +54,10 @@ void CoachProjectionSource::refreshEvents() {
     try {
         auto result = eventsReader_.read();
         const bool reset = result.kind == IncrementalReadResult<EventLogEvent>::Kind::reset;
-        if (reset) events_.clear();
+        if (reset) {
+            events_.clear();
+            heldFromMs_.reset();
+        }
         const size_t before = events_.size();
         events_.insert(events_.end(), std::make_move_iterator(result.rows.begin()), std::make_move_iterator(result.rows.end()));
         appendInOrder(events_, before, byEventTime);
@@ -71,16 +76,17 @@ void CoachProjectionSource::refreshTicks() {
         if (result.kind == IncrementalReadResult<ClassifierTick>::Kind::reset) {
             ticks_.clear();
             tickRows_.clear();
+            heldFromMs_.reset();
         }
-        const size_t firstNew = tickRows_.size();
-        for (ClassifierTick& tick : result.rows) tickRows_.push_back(std::move(tick));
         std::vector<std::string_view> texts;
-        texts.reserve(tickRows_.size() - firstNew);
-        for (size_t i = firstNew; i < tickRows_.size(); ++i) texts.emplace_back(tickRows_[i].at);
+        texts.reserve(result.rows.size());
+        for (const ClassifierTick& tick : result.rows) texts.emplace_back(tick.at);
         const auto times = ProjectionDateParsing::parseLocalMany(texts);
         const size_t before = ticks_.size();
-        for (size_t i = 0; i < times.size(); ++i)
-            if (times[i]) ticks_.push_back({*times[i], &tickRows_[firstNew + i]});
+        for (size_t i = 0; i < times.size(); ++i) {
+            tickRows_.emplace_back(times[i], std::move(result.rows[i]));
+            if (times[i]) ticks_.push_back({*times[i], &tickRows_.back().second});
+        }
         appendInOrder(ticks_, before, byTickTime);
     } catch (const fs::filesystem_error& error) {
         ticksReader_.clearWatermark();
@@ -101,10 +107,58 @@ void CoachProjectionSource::refresh() {
     refreshTicks();
 }
 
+void CoachProjectionSource::forget() {
+    eventsReader_.clearWatermark();
+    ticksReader_.clearWatermark();
+    events_.clear();
+    ticks_.clear();
+    tickRows_.clear();
+    heldFromMs_.reset();
+}
+
+void CoachProjectionSource::letGoBefore(int64_t cutoffMs) {
+    if (heldFromMs_ && *heldFromMs_ >= cutoffMs) return;
+    const auto firstKept = std::lower_bound(events_.begin(), events_.end(), cutoffMs,
+                                            [](const EventLogEvent& e, int64_t ms) { return e.tsMs < ms; });
+    const auto isCoachWords = [](const EventLogEvent& e) {
+        const JSONValue* role = e.detail.member("role");
+        return e.type == "checker_output_sent" ||
+               (e.type == "app_chat_message" && role && role->stringIfAny() && *role->stringIfAny() == "coach");
+    };
+    const size_t dropped = size_t(firstKept - events_.begin());
+    std::optional<size_t> lastWords, lastDecision;
+    for (size_t i = 0; i < dropped; ++i) {
+        if (isCoachWords(events_[i])) lastWords = i;
+        if (events_[i].type == "coach_decision") lastDecision = i;
+    }
+    std::vector<EventLogEvent> kept;
+    for (size_t i = 0; i < dropped; ++i) {
+        const EventLogEvent& e = events_[i];
+        if (i == lastWords || i == lastDecision || e.type == "task_declared" || e.type == "task_cleared" ||
+            e.type == MedsCheckins::scheduleType)
+            kept.push_back(std::move(events_[i]));
+    }
+    kept.insert(kept.end(), std::make_move_iterator(firstKept), std::make_move_iterator(events_.end()));
+    events_ = std::move(kept);
+    ticks_.erase(ticks_.begin(), std::lower_bound(ticks_.begin(), ticks_.end(), cutoffMs,
+                                                  [](const CoachProjection::TimedTick& t, int64_t ms) { return t.ms < ms; }));
+    // Only rows that no tick points at any more: older ones, and those whose time did not read.
+    while (!tickRows_.empty() && (!tickRows_.front().first || *tickRows_.front().first < cutoffMs)) tickRows_.pop_front();
+    heldFromMs_ = cutoffMs;
+}
+
 CoachProjection::Result CoachProjectionSource::project(int64_t asOfMs, const std::optional<std::string>& consolidatedNotes,
                                                        const CoachProjection::Window& window,
                                                        CoachProjection::DeadToolCallPolicy deadCalls) {
+    const int64_t shown = std::llround((window.highResSpan + window.stepInterval) * 1000.0);
+    // Let go an hour at a time, not on every turn.
+    constexpr int64_t hourMs = 3'600'000;
+    const int64_t bound = asOfMs - std::max(retainMs_, shown);
+    const int64_t cutoffMs = (bound >= 0 ? bound / hourMs : (bound - hourMs + 1) / hourMs) * hourMs;
+    // A projection from before what was let go (the clock moved back) needs the logs whole again.
+    if (heldFromMs_ && cutoffMs < *heldFromMs_) forget();
     refresh();
+    letGoBefore(cutoffMs);
     return CoachProjection::project(events(), ticks(), consolidatedNotes, asOfMs, window, deadCalls);
 }
 

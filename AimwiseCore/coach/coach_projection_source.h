@@ -2,6 +2,9 @@
 // The coach driver's copy of the two logs, kept between turns so that a turn costs what arrived since
 // the last one: the logs are read incrementally, and each classifier time is read once. Lines that do
 // not decode are counted and reported, never fatal; a log that cannot be read keeps what was held.
+// What no projection can show any more is let go, so a driver that runs for months stays small: rows
+// older than `retainMs` before the projected time, but for the declarations, the medication schedule
+// and the coach's newest words and decision, which a projection still reads however old they are.
 // One owner: not safe for concurrent use.
 #include <cstdint>
 #include <deque>
@@ -22,7 +25,10 @@ class CoachProjectionSource {
 public:
     using Log = std::function<void(const std::string&)>;
 
-    explicit CoachProjectionSource(const std::filesystem::path& dataRoot, Log log = {});
+    static constexpr int64_t defaultRetainMs = 48 * 3'600'000;
+
+    explicit CoachProjectionSource(const std::filesystem::path& dataRoot, Log log = {},
+                                   int64_t retainMs = defaultRetainMs);
 
     // Brings both logs up to date.
     void refresh();
@@ -42,14 +48,20 @@ private:
     void refreshEvents();
     void refreshTicks();
     void report(const std::string& file, Counter& counter);
+    void letGoBefore(int64_t cutoffMs);
+    void forget();
 
     Log log_;
+    int64_t retainMs_;
+    std::optional<int64_t> heldFromMs_;
     std::shared_ptr<Counter> eventsSkipped_ = std::make_shared<Counter>();
     std::shared_ptr<Counter> ticksSkipped_ = std::make_shared<Counter>();
     IncrementalJSONLReader<EventLogEvent> eventsReader_;
     IncrementalJSONLReader<ClassifierTick> ticksReader_;
     std::vector<EventLogEvent> events_;
-    std::deque<ClassifierTick> tickRows_;  // a deque, so that appending keeps the ticks' pointers valid
+    // A deque, so that appending and letting go of the oldest keep the ticks' pointers valid; each row
+    // with its time, when that reads.
+    std::deque<std::pair<std::optional<int64_t>, ClassifierTick>> tickRows_;
     std::vector<CoachProjection::TimedTick> ticks_;
 };
 

@@ -290,6 +290,13 @@ TEST_F(CoachProjectionTest, TheDriversSourceReadsOnlyNewLinesAndReportsLinesThat
     const auto second = source.project(at("15:00"), std::nullopt, window, DeadToolCallPolicy::replay);
     EXPECT_EQ(source.events().size(), 2u);
     EXPECT_EQ(second.messages.back().role, ChatRole::assistant) << "the drift at 14:00 was answered at 14:30";
+
+    source.project(at("15:00") + 3 * 86'400'000, std::nullopt, window, DeadToolCallPolicy::replay);
+    ASSERT_EQ(source.events().size(), 1u) << "of what no projection shows, only the coach's newest words stay";
+    EXPECT_EQ(*source.events()[0].detail.member("text")->stringIfAny(), "Hi.");
+    EXPECT_TRUE(source.ticks().empty());
+    source.project(at("15:00"), std::nullopt, window, DeadToolCallPolicy::replay);
+    EXPECT_EQ(source.events().size(), 2u) << "a clock set back reads the logs whole again";
 }
 
 }  // namespace
