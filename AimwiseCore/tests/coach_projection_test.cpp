@@ -11,6 +11,7 @@
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/coach/projection_time_text.h"
 #include "AimwiseCore/coach/quiet_windows.h"
+#include "AimwiseCore/coach/real_turn_fold.h"
 #include "tests/support/temp_dir.h"
 
 namespace aimwise {
@@ -144,6 +145,29 @@ TEST_F(CoachProjectionTest, AFixtureDayProjectsToExactlyThisConversation) {
                                DeadToolCallPolicy::dropTurn)
                            .messages),
               withoutRetired);
+}
+
+TEST_F(CoachProjectionTest, AnotherModelsWordsTheTurnsTriggerAndSetupAreToldAsTheSystemsOwn) {
+    const std::vector<EventLogEvent> log{
+        event("12:00", "onboarding_v3_setup_finished", {{"backend", "online"}, {"model_ready", true}, {"battery", "reduced"}}),
+        chat("12:01", "coach", "Hi, I'm Merl.", {{"served_by_fallback", true}, {"served_by", "gemma"}, {"fallback_cause", "paced"}}),
+        chat("12:30", "coach", "Back to the report?"),
+        event("12:30", "turn_trigger", {{"text", "[classifier drift time=03-10 12:29]\noff task\n[/classifier drift]"}}),
+    };
+    const auto fold = RealTurnFold::run(log, {}, DeadToolCallPolicy::replay);
+    EXPECT_EQ(rendered(fold.messages),
+              "user: [notice time=03-10 12:00]\nthey haven't heard from you at all yet — this reply is the first thing "
+              "they'll see from you since finishing setup, so say something to them here, not only a tool call.\n\nsetup "
+              "just finished. you're talking over the internet — one sentence about the screen leaves per look, nothing "
+              "else; screen recording is not verified working yet — there is nothing to see until it is; the model that "
+              "reads the screen is ready. battery watching: watches less often on battery to save power. Introduce "
+              "yourself briefly, say plainly what — if anything — isn't working yet, and ask what they mean to be doing "
+              "right now. Don't recap the setup screens; they just finished them.\n[/notice]\n"
+              "user: [fallback model time=03-10 12:01]\nto pace this license's online coaching, gemma on this Mac answered "
+              "this turn on your behalf. it said:\n\nHi, I'm Merl.\n[/fallback model]\n"
+              "user: [classifier drift time=03-10 12:29]\noff task\n[/classifier drift]\n"
+              "assistant: Back to the report?\n");
+    EXPECT_EQ(fold.lastRealTurnMs, at("12:30"));
 }
 
 TEST_F(CoachProjectionTest, OnlyJudgedNotAlignedLooksSinceTheLastQuietWindowAreDrift) {
