@@ -89,7 +89,7 @@ JSONValue optionItems() {
 
 std::string joinedNames(const std::vector<ToolSpec>& tools) {
     std::vector<std::string> names;
-    for (const ToolSpec& spec : tools) names.push_back(spec.name);
+    for (const ToolSpec& definition : tools) names.push_back(definition.name);
     return join(names, ", ");
 }
 
@@ -98,67 +98,67 @@ std::string joinedNames(const std::vector<ToolSpec>& tools) {
 namespace CoachTools {
 
 const ToolSpec& correctJudgment() {
-    static const ToolSpec spec = tool("correct_judgment", correctJudgmentDescription,
+    static const ToolSpec definition = tool("correct_judgment", correctJudgmentDescription,
                                       schema({{"app", described("string", correctJudgmentAppDescription)},
                                               {"project", described("string", correctJudgmentProjectDescription)}},
                                              {"app", "project"}));
-    return spec;
+    return definition;
 }
 
 const ToolSpec& rememberCorrection() {
-    static const ToolSpec spec = tool(
+    static const ToolSpec definition = tool(
         "remember_correction", rememberCorrectionDescription,
         schema({{"correction", described("string", correctionDescription)},
                 {"scope", withEnum(described("string", scopeDescription), {"whether_to_speak", "what_to_say"})},
                 {"lasts", withEnum(described("string", lastsDescription),
                                    {"until_changed", "rest_of_today", "next_few_hours"})}},
                {"correction", "lasts"}));
-    return spec;
+    return definition;
 }
 
 const ToolSpec& doNotDisturb() {
-    static const ToolSpec spec = tool("do_not_disturb", doNotDisturbDescription,
+    static const ToolSpec definition = tool("do_not_disturb", doNotDisturbDescription,
                                       schema({{"minutes", described("number", doNotDisturbMinutesDescription)},
                                               {"message", described("string", doNotDisturbMessageDescription)},
                                               {"expectation", described("string", expectationDescription)}},
                                              {"minutes", "message", "expectation"}));
-    return spec;
+    return definition;
 }
 
 const ToolSpec& goQuiet() {
-    static const ToolSpec spec = tool("go_quiet", goQuietDescription,
+    static const ToolSpec definition = tool("go_quiet", goQuietDescription,
                                       schema({{"minutes", described("number", goQuietMinutesDescription)},
                                               {"rest_of_day", described("boolean", restOfDayDescription)},
                                               {"message", described("string", goQuietMessageDescription)}},
                                              {"message"}));
-    return spec;
+    return definition;
 }
 
 const ToolSpec& openUI() {
-    static const ToolSpec spec =
+    static const ToolSpec definition =
         tool("open_ui", openUIDescription, schema({{"message", described("string", openUIMessageDescription)}}, {"message"}));
-    return spec;
+    return definition;
 }
 
 const ToolSpec& closeUI() {
-    static const ToolSpec spec = tool("close_ui", closeUIDescription, schema({}, {}));
-    return spec;
+    static const ToolSpec definition = tool("close_ui", closeUIDescription, schema({}, {}));
+    return definition;
 }
 
 const ToolSpec& checkUIState() {
-    static const ToolSpec spec = tool("check_ui_state", checkUIStateDescription, schema({}, {}));
-    return spec;
+    static const ToolSpec definition = tool("check_ui_state", checkUIStateDescription, schema({}, {}));
+    return definition;
 }
 
 const ToolSpec& proposeOptions() {
-    static const ToolSpec spec = tool(
+    static const ToolSpec definition = tool(
         "propose_options", proposeOptionsDescription,
         schema({{"setting", described("string", settingDescription)},
                 {"title", described("string", titleDescription)},
                 {"options", JSONValue::Object{{"type", "array"}, {"minItems", 2}, {"maxItems", 5}, {"items", optionItems()}}},
                 {"message", described("string", proposeMessageDescription)}},
                {"setting", "title", "options", "message"}));
-    return spec;
+    return definition;
 }
 
 const std::vector<ToolSpec>& all() {
@@ -190,8 +190,8 @@ const std::set<std::string, std::less<>>& unreplayableToolNames() {
 const std::set<std::string, std::less<>>& recognizedToolNames() {
     static const std::set<std::string, std::less<>> names = [] {
         std::set<std::string, std::less<>> out{writeTask};
-        for (const ToolSpec& spec : all()) out.insert(spec.name);
-        for (const ToolSpec& spec : Layer3Tools::all()) out.insert(spec.name);
+        for (const ToolSpec& definition : all()) out.insert(definition.name);
+        for (const ToolSpec& definition : Layer3Tools::all()) out.insert(definition.name);
         out.insert(unreplayableToolNames().begin(), unreplayableToolNames().end());
         return out;
     }();
@@ -228,7 +228,7 @@ const std::set<std::string, std::less<>>& replayableToolNames() {
     static const std::set<std::string, std::less<>> names = [] {
         std::set<std::string, std::less<>> out(CoachTools::writeIntentionToolNames.begin(),
                                                CoachTools::writeIntentionToolNames.end());
-        for (const ToolSpec& spec : all()) out.insert(spec.name);
+        for (const ToolSpec& definition : all()) out.insert(definition.name);
         return out;
     }();
     return names;

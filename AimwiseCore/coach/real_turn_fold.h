@@ -1,7 +1,8 @@
 #pragma once
 // The recent part of the coach's conversation, rebuilt from the event log: the person's words, the
-// coach's replies with the calls they made and what each call did, and the system's notes on what went
-// wrong in between (a call that could not run, a reply cut off, no answer for a while). Two assistant
+// coach's replies with the calls they made and what each call did, the block that woke each turn the
+// system started, and the system's notes on what went wrong in between (a call that could not run, a
+// reply cut off, no answer for a while). Two assistant
 // messages never stand side by side, and a tool result never appears without its call.
 #include <cstdint>
 #include <map>

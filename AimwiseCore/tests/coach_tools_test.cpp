@@ -11,13 +11,13 @@ using Object = JSONValue::Object;
 
 std::vector<std::string> namesOf(const std::vector<ToolSpec>& tools) {
     std::vector<std::string> names;
-    for (const ToolSpec& spec : tools) names.push_back(spec.name);
+    for (const ToolSpec& definition : tools) names.push_back(definition.name);
     return names;
 }
 
-std::vector<std::string> required(const ToolSpec& spec) {
+std::vector<std::string> required(const ToolSpec& definition) {
     std::vector<std::string> out;
-    for (const JSONValue& name : std::get<JSONValue::Array>(spec.parameters.member("required")->value))
+    for (const JSONValue& name : std::get<JSONValue::Array>(definition.parameters.member("required")->value))
         out.push_back(*name.stringIfAny());
     return out;
 }
@@ -34,12 +34,12 @@ TEST(CoachToolSets, ToolsComeInTheirOrderWithSchemasWhoseRequiredKeysAreDeclared
         {"close_ui", {}}, {"check_ui_state", {}}, {"go_quiet", {"message"}},
         {"propose_options", {"setting", "title", "options", "message"}}, {"remember_correction", {"correction", "lasts"}}};
     for (const auto& tools : {CoachTools::all(), Layer3Tools::all()})
-        for (const ToolSpec& spec : tools) {
-            EXPECT_EQ(required(spec), requiredKeys.at(spec.name)) << spec.name;
-            EXPECT_EQ(*spec.parameters.member("type")->stringIfAny(), "object");
-            const auto& properties = *spec.parameters.member("properties")->objectIfAny();
-            for (const std::string& key : required(spec)) EXPECT_TRUE(properties.contains(key)) << spec.name << " " << key;
-            EXPECT_FALSE(spec.description.empty());
+        for (const ToolSpec& definition : tools) {
+            EXPECT_EQ(required(definition), requiredKeys.at(definition.name)) << definition.name;
+            EXPECT_EQ(*definition.parameters.member("type")->stringIfAny(), "object");
+            const auto& properties = *definition.parameters.member("properties")->objectIfAny();
+            for (const std::string& key : required(definition)) EXPECT_TRUE(properties.contains(key)) << definition.name << " " << key;
+            EXPECT_FALSE(definition.description.empty());
         }
     EXPECT_EQ(CoachTools::canonicalToolName("write_task"), "write_current_intention");
     EXPECT_EQ(CoachTools::canonicalToolName("open_ui"), "open_ui");

@@ -110,10 +110,19 @@ TEST_F(SweepTest, GeneratedDaysKeepEveryInvariantAtEverySampleAndDepth) {
             const auto dropped = CoachProjection::project(day.events, day.ticks, std::nullopt, asOf, defaultWindow,
                                                           CoachProjection::DeadToolCallPolicy::dropTurn);
             for (const Finding& finding : retiredToolMentionFindings(dropped.messages)) findings.push_back(finding);
-            for (const ChatMessage& message : dropped.messages)
-                if (message.role == ChatRole::tool) {
-                    EXPECT_FALSE(message.content.starts_with("No such tool")) << seed;
+            // Every tool result answers a call of the assistant message just before its run of results.
+            const ChatMessage* caller = nullptr;
+            for (const ChatMessage& message : dropped.messages) {
+                if (message.role != ChatRole::tool) {
+                    caller = message.hasToolCalls() ? &message : nullptr;
+                    continue;
                 }
+                EXPECT_FALSE(message.content.starts_with("No such tool")) << seed;
+                ASSERT_TRUE(caller) << seed;
+                EXPECT_TRUE(std::any_of(caller->toolCalls->begin(), caller->toolCalls->end(),
+                                        [&](const ToolCall& c) { return c.name == message.toolName; }))
+                    << seed;
+            }
         }
         for (const Finding& finding : findings) ADD_FAILURE() << "seed " << seed << ": " << finding.property << " " << finding.detail;
     }
