@@ -6,6 +6,7 @@
 #include <cctype>
 
 #include "AimwiseCore/coach/coach_gate_message.h"
+#include "AimwiseCore/coach/meds_checkins.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/memory/memory_store.h"
 #include "AimwiseCore/memory/memory_wipe.h"
@@ -17,8 +18,9 @@ namespace fs = std::filesystem;
 
 namespace {
 
+// Older than any window, yet still read: the standing declaration and the medication schedule.
 bool isTaskEvent(const EventLogEvent& event) {
-    return event.type == "task_declared" || event.type == "task_cleared";
+    return event.type == "task_declared" || event.type == "task_cleared" || event.type == MedsCheckins::scheduleType;
 }
 
 bool byTime(const EventLogEvent& a, const EventLogEvent& b) { return a.tsMs < b.tsMs; }
@@ -202,7 +204,10 @@ GateMessageSource::Built GateMessageSource::build(int64_t nowMs, const Environme
     const bool lowEffort = isLowEffort(environment);
     return {CoachGateMessage::assemble(timeline, nowMs, lowEffort, notes,
                                        UserStandingInstructionsRendering::forGate(preferences_.value.gateInstructions),
-                                       settings.medsContext),
+                                       settings.medsContext
+                                           ? settings.medsContext
+                                           : MedsCheckins::context(MedsCheckins::outstanding(
+                                                 events_, nowMs, preferences_.value.medsRemindersEnabled))),
             lowEffort, floorMs, window};
 }
 

@@ -31,7 +31,7 @@ public:
         double boundHours = CoachGateTimeline::defaultBoundHours;
         double startStep = CoachGateTimeline::defaultStartStep;
         int64_t captureWindowMinutes = CaptureWindowSummaryBuilder::defaultWindowMinutes;
-        // The medication check-ins, when the person turned them on.
+        // The medication check-ins; by default those due now, when the person turned them on.
         std::optional<std::string> medsContext;
     };
 

@@ -4,6 +4,7 @@
 #include <unicode/timezone.h>
 
 #include <atomic>
+#include <cstdio>
 #include <thread>
 #include <vector>
 
@@ -39,6 +40,26 @@ TEST_F(LocalDates, RefusesAnythingButTheWholeFormat) {
     }
     EXPECT_FALSE(ProjectionDateParsing::parseLocal(std::string(10'000'000, '2'))) << "no megabyte keys in the memo";
     EXPECT_EQ(DateParseMemo::shared().count(), 0u);
+}
+
+TEST_F(LocalDates, ManyTextsAtOnceReadAsEachWouldAloneAcrossChangesOfDaylightSaving) {
+    // Every quarter hour (and odd seconds) around the spring and autumn changes, in a zone that moves by an
+    // hour and in one that moves by half an hour; with a few texts that are not dates at all.
+    for (const char* zone : {"America/New_York", "Australia/Lord_Howe"}) {
+        icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone(zone));
+        DateParseMemo::shared().clear();
+        std::vector<std::string> texts{"2026-02-30T10:00:00", "2026-03-08T24:00:00", "2026-03-08T10:60:00", "noon"};
+        for (const char* day : {"2026-03-08", "2026-04-05", "2026-10-04", "2026-11-01"})
+            for (int minutes = 0; minutes < 24 * 60; minutes += 15) {
+                char text[32];
+                std::snprintf(text, sizeof text, "%sT%02d:%02d:%02d", day, minutes / 60, minutes % 60, minutes % 59);
+                texts.push_back(text);
+            }
+        std::vector<std::string_view> views(texts.begin(), texts.end());
+        const auto many = ProjectionDateParsing::parseLocalMany(views);
+        for (size_t i = 0; i < texts.size(); ++i)
+            ASSERT_EQ(many[i], ProjectionDateParsing::parseLocalUncached(texts[i])) << zone << " " << texts[i];
+    }
 }
 
 TEST(DateParseMemoRules, RemembersFailuresAndEmptiesWholeWhenOverfull) {

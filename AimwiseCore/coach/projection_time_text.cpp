@@ -1,0 +1,95 @@
+#include "AimwiseCore/coach/projection_time_text.h"
+
+#include <unicode/locid.h>
+#include <unicode/smpdtfmt.h>
+#include <unicode/timezone.h>
+#include <unicode/unistr.h>
+
+#include <memory>
+#include <unordered_map>
+
+#include "AimwiseCore/coach/projection_date_parsing.h"
+
+namespace aimwise::ProjectionTimeText {
+
+namespace {
+
+constexpr const char16_t* patterns[2] = {u"MM-dd HH:mm", u"H:mm"};
+constexpr size_t rememberedMinutes = 100'000;
+
+struct Formatting {
+    std::unique_ptr<icu::TimeZone> zone;
+    std::unique_ptr<icu::SimpleDateFormat> formatters[2];
+    std::unordered_map<int64_t, std::string> minutes[2];
+};
+
+Formatting& formatting() {
+    thread_local Formatting state;
+    return state;
+}
+
+std::string formatted(int64_t ms, int pattern) {
+    Formatting& state = formatting();
+    if (!state.zone) followDefaultZone();
+    const int64_t minute = ms >= 0 ? ms / 60'000 : -((-ms + 59'999) / 60'000);
+    auto& minutes = state.minutes[pattern];
+    if (const auto it = minutes.find(minute); it != minutes.end()) return it->second;
+    auto& formatter = state.formatters[pattern];
+    if (!formatter) {
+        UErrorCode status = U_ZERO_ERROR;
+        formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(patterns[pattern]),
+                                                            icu::Locale("en_US_POSIX"), status);
+        if (U_FAILURE(status)) {
+            formatter.reset();
+            return {};
+        }
+        if (state.zone) formatter->setTimeZone(*state.zone);
+    }
+    icu::UnicodeString out;
+    formatter->format(static_cast<UDate>(minute * 60'000), out);
+    std::string utf8;
+    out.toUTF8String(utf8);
+    if (minutes.size() >= rememberedMinutes) minutes.clear();
+    minutes.emplace(minute, utf8);
+    return utf8;
+}
+
+}  // namespace
+
+void followDefaultZone() {
+    Formatting& state = formatting();
+    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
+    if (!zone || (state.zone && *state.zone == *zone)) return;
+    for (auto& formatter : state.formatters)
+        if (formatter) formatter->setTimeZone(*zone);
+    for (auto& minutes : state.minutes) minutes.clear();
+    state.zone = std::move(zone);
+}
+
+std::string monthDayTime(int64_t ms) { return formatted(ms, 0); }
+std::string hourMinute(int64_t ms) { return formatted(ms, 1); }
+
+}  // namespace aimwise::ProjectionTimeText
+
+namespace aimwise::LocalDay {
+
+namespace {
+constexpr int64_t hourMs = 3'600'000;
+}
+
+int64_t nextMorningMs(int64_t ms) {
+    // Local noons are a day apart give or take an hour, so they walk through the dates honestly even
+    // across a change of daylight saving.
+    const std::string today = ProjectionDateParsing::formatLocal(ms);
+    const auto noon = today.size() >= 10 ? ProjectionDateParsing::parseLocal(today.substr(0, 10) + "T12:00:00")
+                                         : std::nullopt;
+    if (!noon) return ms + 12 * hourMs;
+    for (int day = 0; day < 3; ++day) {
+        const std::string date = ProjectionDateParsing::formatLocal(*noon + day * 24 * hourMs).substr(0, 10);
+        const auto morning = ProjectionDateParsing::parseLocal(date + "T06:00:00");
+        if (morning && *morning > ms + 2 * hourMs) return *morning;
+    }
+    return ms + 12 * hourMs;
+}
+
+}  // namespace aimwise::LocalDay
