@@ -277,8 +277,8 @@ private:
         return end;
     }
 
-    // Folds the run that starts with `first` when it stands between a digit and a letter or digit;
-    // answers where the run ends, or -1 when it is no such run.
+    // Folds the run that starts with `first` when it stands between two letters or digits; answers where the
+    // run ends, or -1 when it is no such run.
     int32_t foldRun(const Scalar& first) {
         const bool afterDigit = last_ == Role::digit;
         int count = 0;
@@ -295,7 +295,7 @@ private:
         }
         if (count > maxSeparatorRun || at >= length_) return -1;
         const Role next = scalarAt(input_, at).role;
-        if (!isAlphanumeric(next) || (!afterDigit && next != Role::digit)) return -1;
+        if (!isAlphanumeric(next)) return -1;
         if (onlyDetectorSeparators && count <= 2) {
             for (int32_t i = first.originalStart; i < at;) {
                 Scalar scalar = scalarAt(input_, i);

@@ -20,7 +20,7 @@ enum class Disguises {
     // punctuation (":", "#", "=") or an end of the text is dropped.
     invisible,
     // As `invisible`, and a short run of spaces, line breaks, dashes, dots, commas, underscores, invisible
-    // characters or combining marks between a digit and a letter or digit reads as one space. A run the
+    // characters or combining marks after a digit, between two letters or digits, reads as one space. A run the
     // detectors already accept as a separator (one or two of space, tab, line break, ".", "/", "-") stays
     // as it is. In the removed form a single invisible character joins its neighbours, and so does any
     // combining mark after a digit.
