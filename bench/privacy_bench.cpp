@@ -4,6 +4,8 @@
 #include <benchmark/benchmark.h>
 
 #include <algorithm>
+#include <cstdio>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -147,6 +149,44 @@ void BM_OutboundTitleSanitize(benchmark::State& state) {
 }
 BENCHMARK(BM_OutboundTitleSanitize);
 
+// Prints the usual table, then every result in CPU time as a multiple of the digit scan of the same run.
+class AgainstDigitScan : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        ConsoleReporter::ReportRuns(runs);
+        for (const Run& run : runs) {
+            // The median when the run was repeated, else its one result.
+            const bool median = run.run_type == Run::RT_Aggregate && run.aggregate_name == "median";
+            if (run.run_type == Run::RT_Aggregate && !median) continue;
+            const std::string& name = run.run_name.function_name;
+            if (median || !cpuMicroseconds_.contains(name))
+                cpuMicroseconds_[name] = run.GetAdjustedCPUTime() / benchmark::GetTimeUnitMultiplier(run.time_unit) * 1e6;
+            if (std::find(order_.begin(), order_.end(), name) == order_.end()) order_.push_back(name);
+        }
+    }
+
+    void Finalize() override {
+        ConsoleReporter::Finalize();
+        auto baseline = cpuMicroseconds_.find("BM_BaselineDigitScan");
+        if (baseline == cpuMicroseconds_.end() || baseline->second <= 0) return;
+        std::printf("\nCPU time against the digit scan of the same page (%.2f us):\n", baseline->second);
+        for (const auto& name : order_)
+            std::printf("  %-44s %10.2f us  %8.1fx\n", name.c_str(), cpuMicroseconds_[name],
+                        cpuMicroseconds_[name] / baseline->second);
+    }
+
+private:
+    std::map<std::string, double> cpuMicroseconds_;
+    std::vector<std::string> order_;
+};
+
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
+    AgainstDigitScan reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    benchmark::Shutdown();
+    return 0;
+}

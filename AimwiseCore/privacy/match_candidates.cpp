@@ -35,11 +35,18 @@ MatchStartIndex::MatchStartIndex(std::u16string_view text) : text_(text) {}
 
 void MatchStartIndex::indexLetters() const {
     lettersIndexed_ = true;
+    std::array<size_t, 26> counts{};
+    for (char16_t unit : text_) {
+        const char16_t lower = unit >= u'A' && unit <= u'Z' ? char16_t(unit + 32) : unit;
+        if (lower >= u'a' && lower <= u'z') ++counts[size_t(lower - u'a')];
+    }
+    for (size_t letter = 0; letter < counts.size(); ++letter) byFirstLetter_[letter].reserve(counts[letter]);
     lowered_.resize(text_.size());
     for (size_t i = 0; i < text_.size(); ++i) {
         char16_t unit = text_[i];
         if (unit < 0x80) {
             lowered_[i] = (unit >= u'A' && unit <= u'Z') ? char(unit + 32) : char(unit);
+            if (lowered_[i] >= 'a' && lowered_[i] <= 'z') byFirstLetter_[size_t(lowered_[i] - 'a')].push_back(int32_t(i));
         } else {
             // Never equal to a byte of an ASCII word.
             lowered_[i] = char(0x80);
@@ -66,7 +73,14 @@ const std::vector<int32_t>& MatchStartIndex::occurrences(std::string_view lowerW
     auto [slot, added] = occurrences_.try_emplace(std::string(lowerWord));
     Occurrences& found = slot->second;
     if (added) {
-        addOccurrences(lowered_, lowerWord, found.positions);
+        // Every word a rule names begins with a letter, so only that letter's positions are compared.
+        const char first = lowerWord.empty() ? '\0' : lowerWord.front();
+        if (first >= 'a' && first <= 'z') {
+            for (int32_t at : byFirstLetter_[size_t(first - 'a')])
+                if (lowered_.compare(size_t(at), lowerWord.size(), lowerWord) == 0) found.positions.push_back(at);
+        } else {
+            addOccurrences(lowered_, lowerWord, found.positions);
+        }
     } else if (found.checked != blankings_) {
         // A word blanked out since it was found is gone from the lowered copy too.
         std::erase_if(found.positions,

@@ -2,6 +2,7 @@
 // Where a detector's match can begin. Every pattern opens with a look-behind, which ICU evaluates at each
 // position of its start set; on number-heavy text that costs more than the matching itself. A rule here
 // names positions that include every possible match start, so trying only those finds the same matches.
+#include <array>
 #include <cstdint>
 #include <map>
 #include <optional>
@@ -69,6 +70,8 @@ private:
     mutable bool lettersIndexed_ = false;
     mutable bool caseFoldsToASCII_ = false;
     mutable std::string lowered_;
+    // Positions of each lower-case ASCII letter in the lowered copy.
+    mutable std::array<std::vector<int32_t>, 26> byFirstLetter_;
     struct Occurrences {
         std::vector<int32_t> positions;
         // The number of blankings the positions were last checked against.

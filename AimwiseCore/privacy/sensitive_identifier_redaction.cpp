@@ -237,6 +237,11 @@ public:
         return *slot;
     }
     const Form& plain() { return get(FormatCharacters::kept, Disguises::none); }
+    // Forms no detector still to run will read are neither kept up to date nor kept.
+    void release(Disguises disguises) {
+        slots_[size_t(FormatCharacters::kept) * 3 + size_t(disguises)].reset();
+        slots_[size_t(FormatCharacters::removed) * 3 + size_t(disguises)].reset();
+    }
 
     // Blanks out a found value in the text and in every form built so far. The blank stands for the token
     // that replaces the value at the end: like every token it opens with "[", closes with "]" and holds no
@@ -480,6 +485,10 @@ RedactionResult redactWith(const std::string& text, Scope scope, Search search) 
         // and what is found there must be bounded as in the plain form.
         const Kind kind = list[first].kind;
         const bool credential = kind == Kind::credential;
+        if (!credential && first > 0 && list[first - 1].kind == Kind::credential) {
+            forms.release(Disguises::none);
+            forms.release(Disguises::invisible);
+        }
         const Disguises disguises = credential ? Disguises::invisible : Disguises::separators;
         const Form& plain = credential ? forms.plain() : forms.get(FormatCharacters::kept, disguises);
         // With invisible characters present, the form without them is read too: through the plain form a
