@@ -83,8 +83,8 @@ bool alwaysTrue(std::u16string_view) { return true; }
 // tried as an ITIN before the routing, account and card detectors and as an SSN only after them, so a
 // number that a stronger detector claims is reported as that.
 //
-// Each detector marked "written loosely" follows the one it widens and keeps its kind, validator and
-// bounds: it finds what people also write, such as "SSN No.", "routing number is:", an IBAN grouped by
+// Each detector marked "written loosely" follows the one it widens (the card layouts follow the last card
+// detector, so that a card glued to its label is seen whole) and keeps its kind, validator and bounds: it finds what people also write, such as "SSN No.", "routing number is:", an IBAN grouped by
 // dashes or in lower case, an unlabelled SSN grouped by spaces, a card in pairs or grouped 4-4-4-3. It reads
 // the same text as its original, and where their values overlap they are redacted as one. Where a variant
 // contains its original, the original is not tried where the variant already found a value.
@@ -136,16 +136,16 @@ std::vector<DetectorSource> lifeLevelSources() {
     {"life-level detector 8 (card)", Kind::cardNumber,
      R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}|\d{4}[ \t\r\n./-]{1,2}\d{6}[ \t\r\n./-]{1,2}\d{4,5}|\d{15,16})(?![\d\-]|[.,]\d))re",
      1, V::isValidCardNumber, digitGroups({{4, 4, 4, 4}, {4, 6, 4}, {4, 6, 5}}, {15, 16}), bareNumberEdges},
-    {"life-level detector 8, written loosely as 4-4-4-3", Kind::cardNumber,
-     R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{3})(?![\d\-]|[.,]\d))re",
-     1, V::isValidCardNumber, digitGroups({{4, 4, 4, 3}}), bareNumberEdges, true},
-    // Pairs are the commonest grouping of all, so the whole run of groups must be the number.
-    {"life-level detector 8, written loosely in pairs", Kind::cardNumber,
-     R"re((?:(?<![\w\-./])(?<![0-9][ \t\r\n./-]{1,2})|(?<=\\[nrt]))(\d{2}(?:[ \t\r\n./-]{1,2}\d{2}){5,8}(?:[ \t\r\n./-]{1,2}\d{1,3})?)(?![\d\-]|[.,]\d|[ \t\r\n./-]{1,2}\d))re",
-     1, V::isValidCardNumber, digitGroups({{2, 2, 2, 2, 2, 2}}), bareNumberEdges, true},
     {"life-level detector 9 (labelled card)", Kind::cardNumber,
      R"re((?i)(?:(?<!\w)|(?<=\\[nrt]))(?:card(?:\s*(?:number|no\.?|#))?|visa|mastercard|amex|discover)(\d{4}(?:[ \t\r\n./-]{1,2})?\d{4}(?:[ \t\r\n./-]{1,2})?\d{4}(?:[ \t\r\n./-]{1,2})?\d{4}(?:(?:[ \t\r\n./-]{1,2})?\d{3})?|\d{4}(?:[ \t\r\n./-]{1,2})?\d{6}(?:[ \t\r\n./-]{1,2})?\d{4,5})(?![\d\-]|[.,]\d))re",
      1, V::isValidCardNumber, labels({"card", "visa", "mastercard", "amex", "discover"}), labelledCardEdges},
+    {"life-level card detectors, written loosely as 4-4-4-3", Kind::cardNumber,
+     R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{4}[ \t\r\n./-]{1,2}\d{3})(?![\d\-]|[.,]\d))re",
+     1, V::isValidCardNumber, digitGroups({{4, 4, 4, 3}}), bareNumberEdges, true},
+    // Pairs are the commonest grouping of all, so the whole run of groups must be the number.
+    {"life-level card detectors, written loosely in pairs", Kind::cardNumber,
+     R"re((?:(?<![\w\-./])(?<![0-9][ \t\r\n./-]{1,2})|(?<=\\[nrt]))(\d{2}(?:[ \t\r\n./-]{1,2}\d{2}){5,8}(?:[ \t\r\n./-]{1,2}\d{1,3})?)(?![\d\-]|[.,]\d|[ \t\r\n./-]{1,2}\d))re",
+     1, V::isValidCardNumber, digitGroups({{2, 2, 2, 2, 2, 2}}), bareNumberEdges, true},
     {"life-level detector 10 (bare SSN)", Kind::ssn,
      R"re((?:(?<![\w\-./])|(?<=\\[nrt]))(\d{3}-\d{2}-\d{4})(?![\d\-]|[.,]\d))re", 1, V::isValidSSN, digitGroups({{3, 2, 4}}),
      bareNumberEdges},

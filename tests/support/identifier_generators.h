@@ -43,7 +43,8 @@ std::string validRoutingNumber(IdentifierRandom& random);
 // Changes one digit to another; for check-digit schemes that catch every single substitution.
 std::string changeOneDigit(IdentifierRandom& random, const std::string& value);
 
-// Disguises screen text uses: separators, look-alike digits and letters, invisible characters.
+// Disguises screen text uses: separators (a quarter of them the visible ones of separatorDisguises()),
+// look-alike digits and letters, invisible characters.
 std::string cardSeparator(IdentifierRandom& random);
 std::string lookAlikeDigit(IdentifierRandom& random, char digit);
 std::string lookAlikeLetter(IdentifierRandom& random, char upper);
@@ -60,6 +61,8 @@ struct SeparatorDisguise {
     std::string (*separator)(IdentifierRandom&);
     // After a letter it would be an accent, not a separator.
     bool afterDigitsOnly = false;
+    // Shown, it leaves no gap: beside invisible characters inside a group, no reader could tell the groups.
+    bool invisible = false;
 };
 // Invisible characters alone, doubled or beside a blank; line and paragraph separators, next line, vertical
 // tab, form feed; a middle dot, an underscore, a comma, " - "; a combining mark after the digit; and any
