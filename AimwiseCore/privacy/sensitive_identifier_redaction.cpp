@@ -226,7 +226,7 @@ struct Form {
         : normalized(NormalizedIdentifierText::build(text, formatCharacters, disguises)), index(normalized.text()) {}
 };
 
-// The forms of the current text, each built when first asked for and dropped whenever the text changes.
+// The forms of the current text, each built once, when first asked for.
 class Forms {
 public:
     explicit Forms(std::u16string& current) : current_(current) {}
@@ -289,20 +289,20 @@ bool digitGroupFollows(std::u16string_view text, int32_t at) {
     return i > size_t(at) && i < text.size() && text[i] >= u'0' && text[i] <= u'9';
 }
 
-// The original ranges of every validated match of one detector in one form.
 // Longer than any number with its label: a match of a life-level detector starting further than this
 // before any difference between two readings of a text is one that both make.
 constexpr int32_t sameReadingReach = 96;
 
 // The original ranges of every validated match of one detector in one form. With `onlyNear`, only matches
-// that start near one of its ascending positions are looked for.
+// that start near one of its ascending positions are looked for, and none that starts at one of
+// `skipStarts`; `acceptedStarts` collects where in the form each accepted match starts.
 std::vector<privacy_icu::Range> accepted(const Detector& detector, const Form& form,
                                          const std::optional<OwnForm>& boundsCheck, Search search,
                                          const std::vector<int32_t>* onlyNear = nullptr,
                                          const std::vector<int32_t>* skipStarts = nullptr,
                                          std::vector<int32_t>* acceptedStarts = nullptr) {
     const NormalizedIdentifierText& seen = form.normalized;
-    auto near = [&](int32_t matchStart) {
+    auto lookedFor = [&](int32_t matchStart) {
         if (skipStarts && std::binary_search(skipStarts->begin(), skipStarts->end(), matchStart)) return false;
         if (!onlyNear) return true;
         auto next = std::lower_bound(onlyNear->begin(), onlyNear->end(), matchStart - 2);
@@ -323,7 +323,7 @@ std::vector<privacy_icu::Range> accepted(const Detector& detector, const Form& f
                holdsInOwnForm(*detector.before, *boundsCheck, seen.originalRange(matchStart, matchStart).first);
     };
     auto accept = [&](privacy_icu::Range match, privacy_icu::Range value, bool shortened) {
-        if (!near(match.start)) return false;
+        if (!lookedFor(match.start)) return false;
         if (!detector.validate(text.substr(size_t(value.start), size_t(value.end - value.start)))) return false;
         if (!boundsCheck) return true;
         const int32_t originalEnd = seen.originalRange(match.start, match.end).second;
@@ -346,14 +346,14 @@ std::vector<privacy_icu::Range> accepted(const Detector& detector, const Form& f
     // into the next number. Refused, it must not hide what the plain form would find: the search goes on
     // after the start when the plain form refuses that start, else after the first fold inside the match.
     auto resume = [&](int32_t matchStart, int32_t matchEnd) {
-        if (!near(matchStart)) return matchStart + 1;
+        if (!lookedFor(matchStart)) return matchStart + 1;
         if (!boundsCheck) return matchEnd;
         if (!startsInOwnForm(matchStart)) return matchStart + 1;
         auto fold = firstFoldAfter(matchStart);
         return fold != folds.end() && *fold < matchEnd ? *fold : matchEnd;
     };
     auto starts = search == Search::byStartRules ? form.index.starts(detector.starts) : std::nullopt;
-    if (starts) std::erase_if(*starts, [&](int32_t at) { return !near(at); });
+    if (starts) std::erase_if(*starts, [&](int32_t at) { return !lookedFor(at); });
     auto found = starts ? privacy_icu::findAllAcceptedAt(*detector.regex, haystack, detector.group, *starts,
                                                          acceptAndNote, resume)
                         : privacy_icu::findAllAccepted(*detector.regex, haystack, detector.group, acceptAndNote, resume);
@@ -364,14 +364,15 @@ std::vector<privacy_icu::Range> accepted(const Detector& detector, const Form& f
     return found;
 }
 
-// Redacts what any reading found, where readings overlap as one value. The reading without invisible
-// characters can join a neighbour to a number and shift its groups, and the plain one can stop at an
-// invisible character inside it, so no one reading may decide what is left visible. Each merged value counts
-// as many identifiers as the reading that saw most of them there.
 struct Redacted {
     privacy_icu::Range range;
     Kind kind;
 };
+
+// Redacts what any reading found, where readings overlap as one value. The reading without invisible
+// characters can join a neighbour to a number and shift its groups, and the plain one can stop at an
+// invisible character inside it, so no one reading may decide what is left visible. Each merged value counts
+// as many identifiers as the reading that saw most of them there.
 
 void replace(Kind kind, const std::vector<std::vector<privacy_icu::Range>>& readings, Forms& forms,
              std::vector<Redacted>& redacted, RedactionReport& report) {
@@ -506,7 +507,10 @@ RedactionResult redactWith(const std::string& text, Scope scope, Search search) 
         // Last to first, so that a variant containing its original is read before it.
         for (size_t d = end; d-- > first;) {
             const bool noting = d + 1 < end && list[d + 1].containsPrevious;
-            if (!noting) foundInRemoved.clear(), foundInPlain.clear();
+            if (!noting) {
+                foundInRemoved.clear();
+                foundInPlain.clear();
+            }
             const bool noteForNext = list[d].containsPrevious;
             // Only near where it joined two neighbours does the reading without invisible characters differ;
             // a credential's value, unlike a number, can reach arbitrarily far.
