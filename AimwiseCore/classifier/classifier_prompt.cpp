@@ -4,7 +4,7 @@
 
 #include "AimwiseCore/classifier/py_repr.h"
 #include "AimwiseCore/events/ordered_json.h"
-#include "AimwiseCore/privacy/screen_text.h"
+#include "AimwiseCore/privacy/safe_text.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 
 namespace aimwise {
@@ -76,9 +76,9 @@ RedactedMessage buildRedactedUserMessage(const ClassifierState& state, const std
     const auto redact = [&](const std::optional<std::string>& text) {
         return SensitiveIdentifierRedaction::redact(text, Scope::lifeLevel, report);
     };
-    const auto title = ScreenText::sanitize(redact(state.frontmostWindowTitle));
-    const auto browserTitle = ScreenText::sanitize(redact(state.browserTitle));
-    const auto browserURL = ScreenText::sanitize(redact(state.browserURL));
+    const auto title = SafeText::clean(state.frontmostWindowTitle, Scope::lifeLevel, report);
+    const auto browserTitle = SafeText::clean(state.browserTitle, Scope::lifeLevel, report);
+    const auto browserURL = SafeText::clean(state.browserURL, Scope::lifeLevel, report);
     const auto declared = redact(state.declaredTask);
     const auto override = redact(taskOverride);
     const auto content = redact(windowContent);
@@ -145,12 +145,11 @@ std::string buildUserMessage(const ClassifierState& state, const std::optional<s
 
 RedactedContent redactedWindowContent(const std::string& ocrText, const std::string& description) {
     RedactionReport report;
-    auto ocr = SensitiveIdentifierRedaction::redact(ocrText, Scope::lifeLevel);
-    auto described = SensitiveIdentifierRedaction::redact(description, Scope::lifeLevel);
+    auto ocr = SafeText::clean(ocrText, Scope::lifeLevel);
+    auto described = SafeText::clean(description, Scope::lifeLevel);
     report.merge(ocr.report);
     report.merge(described.report);
-    return {PyRepr::windowContentDict(ScreenText::sanitize(ocr.text), ScreenText::sanitize(described.text)),
-            std::move(report)};
+    return {PyRepr::windowContentDict(ocr.text, described.text), std::move(report)};
 }
 
 }  // namespace ClassifierPrompt

@@ -7,7 +7,7 @@
 #include "AimwiseCore/classifier/estimate_extractor.h"
 #include "AimwiseCore/classifier/self_observation.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
-#include "AimwiseCore/privacy/outbound_title_privacy.h"
+#include "AimwiseCore/privacy/safe_text.h"
 #include "AimwiseCore/privacy/screen_text.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 #include "AimwiseCore/privacy/sensitive_sites.h"
@@ -205,12 +205,15 @@ Outcome judge(const ClassifierState& state, const std::optional<std::string>& ta
         ClassifierBackend::post(ClassifierPrompt::systemPrompt, message.message, config, session));
     RedactionReport report = upstreamRedactions.merging(message.redactions);
 
-    const RedactionResult redactedReason = SensitiveIdentifierRedaction::redact(judgment.reason, Scope::lifeLevel);
-    std::string reason = ScreenText::sanitize(OutboundTitlePrivacy::redactIdentifierValues(redactedReason.text),
-                                              ScreenText::reasonCap);
+    const RedactionResult redactedReason = SafeText::cleanReason(judgment.reason);
+    std::string reason = redactedReason.text;
 
     std::optional<Check::Trigger> trigger;
-    if (const auto category = SensitiveSites::category(state)) {
+    if (const auto category = SensitiveSites::category({.frontmostApp = state.frontmostApp,
+                                                        .browserApp = state.browserApp,
+                                                        .browserURL = state.browserURL,
+                                                        .frontmostWindowTitle = state.frontmostWindowTitle,
+                                                        .browserTitle = state.browserTitle})) {
         trigger = Check::Site{*category};
     } else if (!report.empty()) {
         trigger = Check::IdentifiersOnScreen{};

@@ -92,6 +92,17 @@ bool matchesAnywhere(const icu::RegexPattern& pattern, const icu::UnicodeString&
     return found;
 }
 
+bool holdsAt(const icu::RegexPattern& lookArounds, const icu::UnicodeString& text, int32_t at) {
+    icu::RegexMatcher& matcher = detail::matcherFor(lookArounds, text, 0);
+    matcher.useTransparentBounds(true);
+    matcher.useAnchoringBounds(false);
+    UErrorCode status = U_ZERO_ERROR;
+    matcher.region(at, text.length(), status);
+    const bool holds = U_SUCCESS(status) && matcher.lookingAt(status) && U_SUCCESS(status);
+    detail::release(matcher);
+    return holds;
+}
+
 icu::UnicodeString alias(std::u16string_view text) {
     return icu::UnicodeString(false, text.data(), int32_t(text.size()));
 }

@@ -24,14 +24,22 @@ struct Range {
 
 // Ranges of `group` for every match, in text order; matches where the group did not take part are skipped.
 std::vector<Range> findAll(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group);
-// Like findAll, but when `accept` refuses a match's group, shorter matches from the same start are tried
+// Like findAll, but when `accept` (given the match, its group, and whether it is such a shorter match) refuses,
+// shorter matches from the same start are tried
 // (with the real text around them visible to look-arounds), as if the check were part of the pattern.
 // Without this, a valid value followed by a word the pattern can swallow would be refused whole.
-template <class Accept>
+// After a match whose value was refused, a plain scan goes on at its end, so it hides the matches that
+// would start inside it. `resume(matchStart, matchEnd)` may name an earlier position.
+struct ResumeAtEnd {
+    int32_t operator()(int32_t, int32_t matchEnd) const { return matchEnd; }
+};
+template <class Accept, class Resume = ResumeAtEnd>
 std::vector<Range> findAllAccepted(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group,
-                                   Accept accept);
+                                   Accept accept, Resume resume = {});
 
 bool matchesAnywhere(const icu::RegexPattern& pattern, const icu::UnicodeString& text);
+// Whether a pattern of look-arounds alone holds at `at`, with the whole text visible to them.
+bool holdsAt(const icu::RegexPattern& lookArounds, const icu::UnicodeString& text, int32_t at);
 
 // Aliases the buffer without copying; the view must outlive the result.
 icu::UnicodeString alias(std::u16string_view text);
@@ -53,8 +61,8 @@ std::optional<Range> settle(const icu::RegexPattern& pattern, const icu::Unicode
                             int32_t matchStart, int32_t matchEnd, Range value, icu::RegexMatcher*& retry,
                             Accept& accept) {
     UErrorCode status = U_ZERO_ERROR;
-    for (;;) {
-        if (value.start >= 0 && accept(value)) return value;
+    for (bool shortened = false;; shortened = true) {
+        if (value.start >= 0 && accept(Range{matchStart, matchEnd}, value, shortened)) return value;
         if (matchEnd - 1 <= matchStart) return std::nullopt;
         if (!retry) retry = &detail::matcherFor(pattern, text, 1);
         retry->useTransparentBounds(true);
@@ -67,17 +75,20 @@ std::optional<Range> settle(const icu::RegexPattern& pattern, const icu::Unicode
     }
 }
 
-template <class Accept>
+template <class Accept, class Resume>
 std::vector<Range> findAllAccepted(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group,
-                                   Accept accept) {
+                                   Accept accept, Resume resume) {
     std::vector<Range> ranges;
     icu::RegexMatcher& matcher = detail::matcherFor(pattern, text, 0);
     icu::RegexMatcher* retry = nullptr;
     UErrorCode status = U_ZERO_ERROR;
-    while (matcher.find(status) && U_SUCCESS(status)) {
+    for (bool found = matcher.find(status); found && U_SUCCESS(status);) {
+        const int32_t matchStart = matcher.start(status), matchEnd = matcher.end(status);
         Range value{matcher.start(group, status), matcher.end(group, status)};
-        auto settled = settle(pattern, text, group, matcher.start(status), matcher.end(status), value, retry, accept);
+        auto settled = settle(pattern, text, group, matchStart, matchEnd, value, retry, accept);
         if (settled) ranges.push_back(*settled);
+        const int32_t next = settled ? matchEnd : resume(matchStart, matchEnd);
+        found = next < matchEnd ? matcher.find(int64_t(next), status) : matcher.find(status);
     }
     if (retry) detail::release(*retry);
     detail::release(matcher);
@@ -87,9 +98,9 @@ std::vector<Range> findAllAccepted(const icu::RegexPattern& pattern, const icu::
 // The same matches as findAllAccepted when `starts` (ascending) holds every position where a match can
 // begin: each is tried as an anchored match, with the text around it visible to look-arounds, and a match
 // hides the candidates inside it just as a scan would skip them.
-template <class Accept>
+template <class Accept, class Resume = ResumeAtEnd>
 std::vector<Range> findAllAcceptedAt(const icu::RegexPattern& pattern, const icu::UnicodeString& text, int32_t group,
-                                     const std::vector<int32_t>& starts, Accept accept) {
+                                     const std::vector<int32_t>& starts, Accept accept, Resume resume = {}) {
     std::vector<Range> ranges;
     if (starts.empty()) return ranges;
     icu::RegexMatcher& matcher = detail::matcherFor(pattern, text, 2);
@@ -107,7 +118,7 @@ std::vector<Range> findAllAcceptedAt(const icu::RegexPattern& pattern, const icu
         Range value{matcher.start(group, status), matcher.end(group, status)};
         auto settled = settle(pattern, text, group, start, matchEnd, value, retry, accept);
         if (settled) ranges.push_back(*settled);
-        scanFrom = matchEnd;
+        scanFrom = settled ? matchEnd : resume(start, matchEnd);
     }
     if (retry) detail::release(*retry);
     detail::release(matcher);

@@ -46,14 +46,18 @@ std::optional<int> wholeNumberValue(UChar32 c) {
     return int(value);
 }
 
-int number(const std::vector<int>& digits, size_t from, size_t count) {
+template <class List>
+int number(const List& digits, size_t from, size_t count) {
     int value = 0;
     for (size_t i = from; i < from + count; ++i) value = value * 10 + digits[i];
     return value;
 }
 
-bool atLeastTwoDistinct(const std::vector<int>& digits) {
-    return std::any_of(digits.begin(), digits.end(), [&](int d) { return d != digits.front(); });
+template <class List>
+bool atLeastTwoDistinct(const List& digits) {
+    for (size_t i = 1; i < digits.size(); ++i)
+        if (digits[i] != digits[0]) return true;
+    return false;
 }
 
 bool inRange(int value, int low, int high) { return value >= low && value <= high; }
@@ -62,6 +66,29 @@ const icu::RegexPattern& isoDatePattern() {
     static const auto pattern = privacy_icu::compileOrAbort("the account-number date check", R"re(^\d{4}-\d{2}-\d{2}$)re");
     return *pattern;
 }
+
+}  // namespace
+
+namespace {
+
+// The digits of a matched value, without allocating: every value the detectors see is short.
+struct Digits {
+    std::array<int, 64> values;
+    size_t count = 0;
+    bool overflow = false;
+
+    explicit Digits(std::u16string_view text) {
+        forEachScalar(text, [&](UChar32 c) {
+            if (auto value = wholeNumberValue(c)) {
+                if (count < values.size()) values[count++] = *value;
+                else overflow = true;
+            }
+        });
+    }
+    size_t size() const { return overflow ? values.size() + 1 : count; }
+    int operator[](size_t i) const { return values[i]; }
+    std::vector<int> all() const { return {values.begin(), values.begin() + std::ptrdiff_t(count)}; }
+};
 
 }  // namespace
 
@@ -74,14 +101,14 @@ std::vector<int> digits(std::u16string_view text) {
 }
 
 bool isValidSSN(std::u16string_view text) {
-    auto d = digits(text);
+    const Digits d(text);
     if (d.size() != 9) return false;
     int area = number(d, 0, 3), group = number(d, 3, 2), serial = number(d, 5, 4);
     return area != 0 && area != 666 && area < 900 && group != 0 && serial != 0;
 }
 
 bool isValidITIN(std::u16string_view text) {
-    auto d = digits(text);
+    const Digits d(text);
     if (d.size() != 9 || d[0] != 9) return false;
     int group = number(d, 3, 2);
     bool groupAccepted = inRange(group, 50, 65) || inRange(group, 70, 88) || inRange(group, 90, 92) ||
@@ -90,7 +117,7 @@ bool isValidITIN(std::u16string_view text) {
 }
 
 bool isValidABARoutingNumber(std::u16string_view text) {
-    auto d = digits(text);
+    const Digits d(text);
     if (d.size() != 9) return false;
     int prefix = number(d, 0, 2);
     if (!(inRange(prefix, 0, 12) || inRange(prefix, 21, 32) || inRange(prefix, 61, 72) || prefix == 80))
@@ -101,7 +128,7 @@ bool isValidABARoutingNumber(std::u16string_view text) {
 
 bool isPlausibleAccountNumber(std::u16string_view text) {
     if (privacy_icu::matchesAnywhere(isoDatePattern(), privacy_icu::alias(text))) return false;
-    size_t count = digits(text).size();
+    size_t count = Digits(text).size();
     return count >= 6 && count <= 17;
 }
 
@@ -124,6 +151,15 @@ bool isValidIBAN(std::u16string_view text) {
         }
     }
     return remainder == 1;
+}
+
+bool isValidLooselyWrittenIBAN(std::u16string_view text) {
+    std::u16string canonical;
+    for (char16_t unit : text) {
+        if (unit == u'-') continue;
+        canonical.push_back(unit >= u'a' && unit <= u'z' ? char16_t(unit - 32) : unit);
+    }
+    return isValidIBAN(canonical);
 }
 
 bool luhnValid(const std::vector<int>& digits) {
@@ -163,7 +199,9 @@ bool issuerAccepts(const std::vector<int>& digits) {
 }
 
 bool isValidCardNumber(std::u16string_view text) {
-    auto d = digits(text);
+    const Digits counted(text);
+    if (counted.size() < 13 || counted.size() > 19) return false;
+    const std::vector<int> d = counted.all();
     bool bare = true;
     forEachScalar(text, [&](UChar32 c) { bare = bare && wholeNumberValue(c).has_value(); });
     if (bare && d.size() != 15 && d.size() != 16) return false;

@@ -25,6 +25,8 @@ bool isValidITIN(std::u16string_view text);
 bool isValidABARoutingNumber(std::u16string_view text);
 bool isPlausibleAccountNumber(std::u16string_view text);
 bool isValidIBAN(std::u16string_view text);
+// An IBAN as people also write it: grouped by dashes as well as spaces, in either case.
+bool isValidLooselyWrittenIBAN(std::u16string_view text);
 bool isValidCardNumber(std::u16string_view text);
 bool luhnValid(const std::vector<int>& digits);
 bool issuerAccepts(const std::vector<int>& digits);

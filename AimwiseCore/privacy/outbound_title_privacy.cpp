@@ -44,7 +44,7 @@ bool isLabeledIdentifierValue(std::u16string_view value) {
 
 // The labelled patterns: the first is case-insensitive, the second deliberately not, so the plain word "id"
 // in a sentence is no label. The third catches the masked tails banks print and refuses a year after
-// "ending in"; the fourth is any bare run of ten or more digits.
+// "ending in", and its loosely written form names what ends; the fourth is any bare run of ten or more digits.
 const std::vector<Pattern>& identifierPatterns() {
     static const std::vector<Pattern> patterns = [] {
         std::vector<Pattern> list;
@@ -59,6 +59,11 @@ const std::vector<Pattern>& identifierPatterns() {
         list.push_back({privacy_icu::compileOrAbort(
                             "title identifier pattern 3 (masked tail)",
                             R"re((?:[*•●]{3,}\s?\d{4}|(?<![A-Za-z])[xX]{3,}\d{4}|\(\s?(?:\.{3}|…)\s?\d{4}\s?\)|(?i:ending\s+in|ends\s+in)\s+(?!(?:19|20)\d{2}(?!\d))\d{4})(?!\d))re"),
+                        0, alwaysTrue});
+        // The masked tail written loosely: "Acct ending 1234", "card ends with 1234".
+        list.push_back({privacy_icu::compileOrAbort(
+                            "title identifier pattern 3, written loosely",
+                            R"re((?i:(?<![A-Za-z0-9])(?:acct|account|card|checking|savings)\.?\s+(?:ending|ends)(?:\s+(?:in|with))?)\s+(?!(?:19|20)\d{2}(?!\d))\d{4}(?!\d))re"),
                         0, alwaysTrue});
         list.push_back({privacy_icu::compileOrAbort("title identifier pattern 4 (long digit run)",
                                                     R"re((?<![\w\-./])(\d{10,})(?![\w\-]|[.,]\d))re"),
@@ -97,7 +102,12 @@ bool rawValueLess(Outcome a, Outcome b) { return rawValue(a) < rawValue(b); }
 bool containsIdentifier(const std::string& text) {
     if (!SensitiveIdentifierRedaction::redact(text, SensitiveIdentifierRedaction::Scope::outbound).report.empty())
         return true;
-    for (const auto& form : SensitiveSites::titleForms(privacy_icu::toUTF16(text))) {
+    const std::u16string title = privacy_icu::toUTF16(text);
+    auto forms = SensitiveSites::titleForms(title);
+    // Invisible characters beside a label's punctuation hide nothing from this reading.
+    auto label = NormalizedIdentifierText::build(title, FormatCharacters::removed, Disguises::invisible);
+    if (label.disguised()) forms.emplace_back(label.text());
+    for (const auto& form : forms) {
         icu::UnicodeString haystack = privacy_icu::alias(form);
         for (const auto& pattern : identifierPatterns())
             for (const auto& range : privacy_icu::findAll(*pattern.regex, haystack, pattern.group))

@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <vector>
 
-#include "AimwiseCore/classifier/classifier_state.h"
 #include "AimwiseCore/privacy/icu_regex.h"
 #include "AimwiseCore/privacy/sensitive_sites_matching.h"
 
@@ -251,7 +250,7 @@ std::optional<Category> categoryInTitle(const std::string& title) {
     return categoryInTitleForms(titleForms(privacy_icu::toUTF16(title)));
 }
 
-std::optional<Category> category(const ClassifierState& state) {
+std::optional<Category> category(const FrontOfScreen& state) {
     if (!state.browserApp || !state.frontmostApp || *state.browserApp != *state.frontmostApp) return std::nullopt;
     if (state.browserURL)
         if (auto found = host(*state.browserURL))

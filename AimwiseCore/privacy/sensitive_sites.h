@@ -6,10 +6,6 @@
 #include <string>
 #include <string_view>
 
-namespace aimwise {
-struct ClassifierState;
-}
-
 namespace aimwise::SensitiveSites {
 
 enum class Category { financial, medical };
@@ -29,7 +25,15 @@ std::optional<Category> categoryMentionedIn(const std::string& text);
 // Host-like tokens first, then the site names that titles carry (case-sensitive), each through both
 // normalised forms of the title.
 std::optional<Category> categoryInTitle(const std::string& title);
+// What the front of the screen shows, as far as a site can be read from it.
+struct FrontOfScreen {
+    std::optional<std::string> frontmostApp;
+    std::optional<std::string> browserApp;
+    std::optional<std::string> browserURL;
+    std::optional<std::string> frontmostWindowTitle;
+    std::optional<std::string> browserTitle;
+};
 // Applies only while the browser is the front application.
-std::optional<Category> category(const ClassifierState& state);
+std::optional<Category> category(const FrontOfScreen& front);
 
 }  // namespace aimwise::SensitiveSites

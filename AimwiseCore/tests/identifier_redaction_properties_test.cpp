@@ -1,10 +1,14 @@
 // Generated identifiers in generated surroundings: every valid one must disappear, every near miss stay.
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <string>
 #include <vector>
 
 #include "AimwiseCore/privacy/identifier_validators.h"
+#include "AimwiseCore/privacy/outbound_title_privacy.h"
+#include "AimwiseCore/privacy/safe_text.h"
+#include "AimwiseCore/privacy/screen_text.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 #include "tests/support/identifier_generators.h"
 
@@ -263,6 +267,111 @@ TEST(ReplacedRangeIsExactlyTheOriginal, NextToEmojiAndCharactersOutsideTheBMP) {
         ASSERT_GE(middle.size(), token.size()) << trial;
         ASSERT_EQ(middle.substr(middle.size() - token.size()), token) << trial;
         ASSERT_EQ(item.text.substr(0, middle.size() - token.size()), middle.substr(0, middle.size() - token.size()));
+    }
+}
+
+
+// Each kind of identifier in the layouts and label variants people use, its groups joined by `separator`.
+std::vector<std::string> lifeIdentifiersJoinedBy(IdentifierRandom& random, const std::string& separator,
+                                                 bool afterDigitsOnly) {
+    const auto& rows = testing::cardIssuerRows();
+    const std::string card = testing::validCardNumber(random, rows[size_t(random.pick(std::vector<int>{0, 4, 5}))], 16);
+    const std::string amex = testing::validCardNumber(random, rows[1], 15);
+    const auto& country = IdentifierValidators::ibanCountries[size_t(random.between(0, 33))];
+    std::string iban = testing::validIBAN(random, country.code, country.length);
+    std::vector<int> ibanGroups(iban.size() / 4, 4);
+    if (iban.size() % 4) ibanGroups.push_back(int(iban.size() % 4));
+    if (random.chance(50)) std::transform(iban.begin(), iban.end(), iban.begin(), ::tolower);
+    auto pick = [&](std::vector<std::string> labels) { return random.pick(labels); };
+    return {
+        testing::joinedGroups(card, {4, 4, 4, 4}, separator),
+        testing::joinedGroups(card, {2, 2, 2, 2, 2, 2, 2, 2}, separator),
+        testing::joinedGroups(amex, {4, 4, 4, 3}, separator),
+        testing::joinedGroups(testing::validSSN(random), {3, 2, 4}, separator),
+        pick({"SSN No. ", "SSN number ", "SSN #: ", "ssn\u200B: "}) + testing::joinedGroups(testing::validSSN(random), {3, 2, 4}, separator),
+        testing::joinedGroups(testing::validITIN(random), {3, 2, 4}, separator),
+        pick({"routing number is: ", "routing number\u200B: ", "ABA #: "}) +
+            testing::joinedGroups(testing::validRoutingNumber(random), {3, 3, 3}, separator),
+        pick({"account number: ", "Acct. No. ", "account no. is: "}) + testing::joinedGroups(random.digits(10), {4, 3, 3}, separator),
+        testing::joinedGroups(iban, ibanGroups, afterDigitsOnly ? " " : separator),
+    };
+}
+
+std::vector<std::string> credentials(IdentifierRandom& random) {
+    const std::string value = "h" + random.digits(4) + "x" + random.digits(4);
+    return {"password\u200B: " + value, "Password is " + value, "bearer: tok" + random.digits(12) + "en" + random.digits(6)};
+}
+
+bool survives(const std::string& text) { return testing::containsAnyDigit(text); }
+
+// Every generated identifier, its groups joined by every disguise, in generated surroundings: nothing of it
+// may reach a prompt or a log through either scope, the title filters, cleaning, or redacting and then
+// sanitising.
+TEST(DisguisedIdentifiersNeverSurvive, EveryKindWithEverySeparatorDisguiseOnEveryPath) {
+    IdentifierRandom random(7);
+    const std::string withheld(*OutboundTitlePrivacy::token(OutboundTitlePrivacy::Outcome::withheldIdentifier));
+    for (const auto& disguise : testing::separatorDisguises())
+        for (int trial = 0; trial < 40; ++trial) {
+            auto identifiers = lifeIdentifiersJoinedBy(random, disguise.separator(random), disguise.afterDigitsOnly);
+            for (const auto& credential : credentials(random)) identifiers.push_back(credential);
+            for (size_t i = 0; i < identifiers.size(); ++i) {
+                const bool credential = i + 3 >= identifiers.size();
+                const std::string text = embed(random, {{testing::disguise(random, identifiers[i], true), Kind::ssn}});
+                SCOPED_TRACE(disguise.name + ": " + text);
+                ASSERT_FALSE(survives(redact(text, Scope::outbound).text));
+                ASSERT_FALSE(survives(SafeText::clean(text, Scope::outbound).text));
+                ASSERT_FALSE(survives(ScreenText::sanitize(redact(text, Scope::outbound).text)));
+                ASSERT_EQ(OutboundTitlePrivacy::sanitize(text), withheld);
+                if (credential) continue;
+                ASSERT_FALSE(survives(redact(text, Scope::lifeLevel).text));
+                ASSERT_FALSE(survives(SafeText::clean(text, Scope::lifeLevel, ScreenText::titleCap).text));
+            }
+        }
+}
+
+// What sanitising alone would join, and where a cut would end a number, is caught by cleaning.
+TEST(SafeText, NumbersThatOnlySanitisingOrACutWouldExposeAreRedacted) {
+    const std::string card = "4111111111111111";
+    for (const std::string& text : {testing::joinedGroups(card, {4, 4, 4, 4}, "      "),
+                                    testing::joinedGroups(card, {4, 4, 4, 4}, "\u200B\u200B\u200B\u200B\u200B"),
+                                    testing::joinedGroups(card, {8, 8}, "\u200B\u200B")}) {
+        ASSERT_TRUE(survives(redact("card " + text, Scope::lifeLevel).text)) << "no longer a case for cleaning";
+        EXPECT_EQ(SafeText::clean("card " + text, Scope::lifeLevel).text, "card [redacted card number]");
+    }
+    // Kept whole, the number is followed by a decimal; cut after its last digit, it would stand alone.
+    auto cut = SafeText::clean("total 4111111111111111.5 due", Scope::lifeLevel, 22);
+    EXPECT_EQ(cut.text, "total [redacted card number]…");
+    EXPECT_EQ(cut.report, RedactionReport({{Kind::cardNumber, 1}}));
+    EXPECT_EQ(SafeText::cleanReason("You were on order #112\u200B4567890 with card 4111\u00B71111\u00B71111\u00B71111").text,
+              "You were on order #[identifier withheld] with card [redacted card number]");
+}
+
+// Near misses of the detectors' own rules stay when their separators are disguised as well, and so do the
+// boundary cases the detectors leave alone.
+TEST(NearMissesStayUntouched, DisguisedNearMissesAndBoundaryCases) {
+    IdentifierRandom random(8);
+    std::vector<std::string> fixed = {"4111111111111111,5", "4111111111111111.5", "1_4111111111111111",
+                                      "v1.4111111111111111", "ref 4222222222222 ok", "account number 2024-01-15",
+                                      "sk-abcdefghijklmnopqrstuvwxyzabcd", "password: report.2024.pdf",
+                                      "Bearer abcdefghij1234567890", "ending in 2024", "Invoice 2024-05"};
+    for (int trial = 0; trial < 300; ++trial) {
+        const std::string separator = random.pick(testing::separatorDisguises()).separator(random);
+        const auto& row = testing::cardIssuerRows()[size_t(random.between(0, 7))];
+        const std::string sameDigit(16, char('1' + random.between(0, 8)));
+        std::string iban = testing::validIBAN(random, "DE", 22);
+        std::transform(iban.begin(), iban.end(), iban.begin(), ::tolower);
+        const std::vector<std::string> misses = {
+            testing::joinedGroups(testing::changeOneDigit(random, testing::validCardNumber(random, row, 16)), {4, 4, 4, 4}, separator),
+            testing::joinedGroups(sameDigit, {4, 4, 4, 4}, separator),
+            testing::joinedGroups(random.pick(std::vector<std::string>{"000", "666", "912"}) + "001234", {3, 2, 4}, separator),
+            "routing number is: " + testing::joinedGroups(testing::changeOneDigit(random, testing::validRoutingNumber(random)), {3, 3, 3}, separator),
+            testing::changeOneDigit(random, iban),
+            random.pick(fixed),
+        };
+        for (const auto& miss : misses) {
+            const std::string text = testing::fillerText(random, 2) + " " + miss + " " + testing::fillerText(random, 2);
+            for (Scope scope : {Scope::lifeLevel, Scope::outbound}) ASSERT_EQ(redact(text, scope).text, text) << miss;
+        }
     }
 }
 

@@ -46,10 +46,11 @@ TEST(LabelledValues, OnlyAnUpperCaseIDLabels) {
 
 TEST(MaskedTails, BankStyleLastFourDigits) {
     for (const char* text : {"Checking ****1234", "Card \u2022\u2022\u2022\u2022 5678", "xxxx9012", "Visa (...4321)",
-                             "Card (\u2026 4321)", "Account ending in 6789", "card ENDS IN 1111"})
+                             "Card (\u2026 4321)", "Account ending in 6789", "card ENDS IN 1111", "Acct ending 4821\u2026",
+                             "card ends with 4321"})
         EXPECT_TRUE(containsIdentifier(text)) << text;
     for (const char* text : {"Statement ending in 2024", "ending in 1999", "**12345", "box1234",
-                             "ends in 123", "Card ****12345"})
+                             "ends in 123", "Card ****12345", "Acct ending 2024", "Quarter ending 4821"})
         EXPECT_FALSE(containsIdentifier(text)) << text;
 }
 

@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include "AimwiseCore/classifier/classifier_state.h"
-
 namespace aimwise {
 namespace {
 
@@ -62,13 +60,9 @@ TEST(CategoryInTitle, PhrasesAreCaseSensitiveAndHostsAreNot) {
     EXPECT_EQ(categoryInTitle("chase\u200B.com"), std::nullopt);
 }
 
-ClassifierState browserState() {
-    ClassifierState state;
-    state.frontmostApp = "Firefox";
-    state.browserApp = "Firefox";
-    state.browserURL = "https://www.wellsfargo.com/accounts";
-    state.frontmostWindowTitle = "Accounts";
-    return state;
+FrontOfScreen browserState() {
+    return {.frontmostApp = "Firefox", .browserApp = "Firefox", .browserURL = "https://www.wellsfargo.com/accounts",
+            .frontmostWindowTitle = "Accounts", .browserTitle = {}};
 }
 
 TEST(CategoryOfState, OnlyWhileTheBrowserIsInFront) {

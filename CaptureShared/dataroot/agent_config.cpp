@@ -31,7 +31,9 @@ json loadRawTop(const fs::path& path) {
         throw malformed("config exists but could not be read", path);
     }
     if (!utf8::isValid(text)) throw malformed("config is not valid UTF-8", path);
-    if (trimWhitespaceAndNewlines(text).empty()) return json::object();
+    // Only a file with nothing in it is empty; white space alone is something a person wrote, so it is
+    // refused like any other unparsable content rather than overwritten.
+    if (text.empty()) return json::object();
     json top;
     try {
         top = json::parse(text);

@@ -167,7 +167,7 @@ void setConfiguredRoot(const fs::path& root) {
         } catch (...) {
             throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config exists but could not be read", {}};
         }
-        if (!trimWhitespaceAndNewlines(text).empty()) {
+        if (!text.empty()) {
             try {
                 top = nlohmann::json::parse(text);
             } catch (...) {

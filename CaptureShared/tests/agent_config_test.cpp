@@ -107,6 +107,7 @@ TEST_F(AgentConfigTest, WritersRefuseMalformedFilesAndLeaveThemByteForByte) {
         {"[]", "config must be a JSON object"},
         {"{\"env\": {}, \"x\": \"\xc3\x28\"}", "config is not valid UTF-8"},
         {"{\"env\": ", "config is not valid JSON"},
+        {" \n\t ", "config is not valid JSON"},
     };
     for (const auto& [contents, reason] : cases) {
         writeFile(config, contents);

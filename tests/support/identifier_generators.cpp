@@ -172,6 +172,10 @@ std::string cardSeparator(IdentifierRandom& random) {
     // Dashes and space separators of other scripts, which screen text uses and normalisation folds.
     static const std::vector<char32_t> unicode = {0x2010, 0x2011, 0x2012, 0x2013, 0x2014, 0x2212,
                                                   0xFE63, 0xFF0D, 0x00A0, 0x2007, 0x2009, 0x202F, 0x3000};
+    if (random.chance(25)) {
+        const auto& disguise = random.pick(separatorDisguises());
+        if (!disguise.invisible) return disguise.separator(random);
+    }
     int count = random.between(1, 2);
     std::string out;
     for (int i = 0; i < count; ++i) out += random.chance(60) ? random.pick(ascii) : utf8(random.pick(unicode));
@@ -191,9 +195,9 @@ std::string zeroWidthCharacter(IdentifierRandom& random) {
     return utf8(random.pick(invisible));
 }
 
-std::string disguise(IdentifierRandom& random, const std::string& ascii) {
+std::string disguise(IdentifierRandom& random, const std::string& ascii, bool lookAlikesOnly) {
     const int lookAlikePercent = random.pick(std::vector<int>{0, 0, 30, 100});
-    const int invisiblePercent = random.pick(std::vector<int>{0, 0, 10, 30});
+    const int invisiblePercent = lookAlikesOnly ? 0 : random.pick(std::vector<int>{0, 0, 10, 30});
     std::string out;
     for (size_t i = 0; i < ascii.size(); ++i) {
         char c = ascii[i];
@@ -218,6 +222,43 @@ std::string grouped(IdentifierRandom& random, const std::string& digits, const s
         if (g > 0) out += cardSeparator(random);
         out += digits.substr(at, size_t(groups[g]));
         at += size_t(groups[g]);
+    }
+    return out;
+}
+
+const std::vector<SeparatorDisguise>& separatorDisguises() {
+    static const std::vector<SeparatorDisguise> all = {
+        {"one invisible character", [](IdentifierRandom& r) { return zeroWidthCharacter(r); }, false, true},
+        {"two invisible characters", [](IdentifierRandom& r) { return zeroWidthCharacter(r) + zeroWidthCharacter(r); },
+         false, true},
+        {"an invisible character beside a blank",
+         [](IdentifierRandom& r) { return r.chance(50) ? " " + zeroWidthCharacter(r) : zeroWidthCharacter(r) + " "; }},
+        {"a line break of another kind",
+         [](IdentifierRandom& r) { return r.pick(std::vector<std::string>{"\u2028", "\u2029", "\u0085", "\v", "\f"}); }},
+        {"a middle dot, underscore, comma or spaced dash",
+         [](IdentifierRandom& r) { return r.pick(std::vector<std::string>{"\u00B7", "_", ",", " - ", ", "}); }},
+        {"a combining mark after the digit",
+         [](IdentifierRandom& r) { return utf8(r.pick(std::vector<char32_t>{0x0301, 0x0336, 0x0323, 0x20DD})); }, true,
+         true},
+        {"another space, dash or dot",
+         [](IdentifierRandom& r) {
+             return utf8(r.pick(std::vector<char32_t>{0x1680, 0x2002, 0x2005, 0x2008, 0x205F, 0x2053, 0x2E3A, 0xFE58,
+                                                      0x2022, 0x2024, 0x2027, 0x30FB, 0x2044}));
+         }},
+        {"another format character",
+         [](IdentifierRandom& r) { return utf8(r.pick(std::vector<char32_t>{0x2061, 0x2062, 0x2064, 0x180E})); }, false,
+         true},
+    };
+    return all;
+}
+
+std::string joinedGroups(const std::string& digits, const std::vector<int>& groups, const std::string& separator) {
+    std::string out;
+    size_t at = 0;
+    for (int size : groups) {
+        if (at > 0) out += separator;
+        out += digits.substr(at, size_t(size));
+        at += size_t(size);
     }
     return out;
 }

@@ -43,16 +43,33 @@ std::string validRoutingNumber(IdentifierRandom& random);
 // Changes one digit to another; for check-digit schemes that catch every single substitution.
 std::string changeOneDigit(IdentifierRandom& random, const std::string& value);
 
-// Disguises screen text uses: separators, look-alike digits and letters, invisible characters.
+// Disguises screen text uses: separators (a quarter of them the visible ones of separatorDisguises()),
+// look-alike digits and letters, invisible characters.
 std::string cardSeparator(IdentifierRandom& random);
 std::string lookAlikeDigit(IdentifierRandom& random, char digit);
 std::string lookAlikeLetter(IdentifierRandom& random, char upper);
 std::string zeroWidthCharacter(IdentifierRandom& random);
-// Replaces some ASCII digits and capitals with look-alikes and puts zero-width characters between some
-// adjacent digits, where the detectors' second form removes them.
-std::string disguise(IdentifierRandom& random, const std::string& ascii);
+// Replaces some ASCII digits and capitals with look-alikes and, unless `lookAlikesOnly`, puts zero-width
+// characters between some adjacent digits, where the detectors' second form removes them.
+std::string disguise(IdentifierRandom& random, const std::string& ascii, bool lookAlikesOnly = false);
 // Groups digits with separators, e.g. {4,4,4,4} -> "4111 1111-1111 1111".
 std::string grouped(IdentifierRandom& random, const std::string& digits, const std::vector<int>& groups);
+
+// One way screen text hides what separates the groups of a number.
+struct SeparatorDisguise {
+    std::string name;
+    std::string (*separator)(IdentifierRandom&);
+    // After a letter it would be an accent, not a separator.
+    bool afterDigitsOnly = false;
+    // Shown, it leaves no gap: beside invisible characters inside a group, no reader could tell the groups.
+    bool invisible = false;
+};
+// Invisible characters alone, doubled or beside a blank; line and paragraph separators, next line, vertical
+// tab, form feed; a middle dot, an underscore, a comma, " - "; a combining mark after the digit; and any
+// other space, dash, dot or format character.
+const std::vector<SeparatorDisguise>& separatorDisguises();
+// `digits` cut into groups of these sizes with `separator` between them.
+std::string joinedGroups(const std::string& digits, const std::vector<int>& groups, const std::string& separator);
 
 // Filler prose without any digit: words, punctuation, emoji and other characters outside the BMP.
 std::string fillerText(IdentifierRandom& random, int words);
