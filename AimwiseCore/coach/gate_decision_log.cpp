@@ -6,6 +6,7 @@
 #include "AimwiseCore/coach/coach_gate_schema.h"
 #include "AimwiseCore/events/jsonl_append.h"
 #include "AimwiseCore/privacy/outbound_title_privacy.h"
+#include "AimwiseCore/privacy/safe_text.h"
 #include "AimwiseCore/privacy/secret_redaction.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 #include "CaptureShared/common/text.h"
@@ -16,8 +17,8 @@ namespace {
 
 // The summary stays on the machine but lands in a lasting record.
 std::string filteredSummary(const std::string& summary) {
-    const auto redacted = SensitiveIdentifierRedaction::redact(summary, SensitiveIdentifierRedaction::Scope::lifeLevel);
-    return SecretRedaction::redact(OutboundTitlePrivacy::redactIdentifierValues(redacted.text));
+    const auto cleaned = SafeText::clean(summary, SensitiveIdentifierRedaction::Scope::lifeLevel);
+    return SecretRedaction::redact(OutboundTitlePrivacy::redactIdentifierValues(cleaned.text));
 }
 
 JSONValue usageObject(const ChatUsage& usage) {

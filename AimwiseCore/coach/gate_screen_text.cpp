@@ -4,6 +4,7 @@
 #include <unordered_map>
 
 #include "AimwiseCore/privacy/outbound_title_privacy.h"
+#include "AimwiseCore/privacy/safe_text.h"
 #include "AimwiseCore/privacy/screen_text.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 
@@ -35,8 +36,7 @@ std::string remembered(std::string key, Make&& make) {
 
 // The one place where the gate's screen text meets the privacy filters.
 std::string cleaned(const std::string& text, int cap) {
-    const auto redacted = SensitiveIdentifierRedaction::redact(text, SensitiveIdentifierRedaction::Scope::outbound);
-    return ScreenText::quoted(redacted.text, cap);
+    return ScreenText::quoted(SafeText::clean(text, SensitiveIdentifierRedaction::Scope::outbound, cap).text, cap);
 }
 
 }  // namespace
