@@ -7,6 +7,7 @@
 #include <optional>
 #include <string>
 
+#include "CaptureShared/common/clock.h"
 #include "CaptureShared/common/environment.h"
 
 #include "agents/capture/power_supply.h"
@@ -29,7 +30,8 @@ struct CaptureOptions {
 
 // Returns the exit status: 0 after `stop` was set (or after one sample with `once`), 1 when
 // `once` could not sample.
-int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop);
+int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop,
+                    const Clock& clock);
 
 // A note for standard error when the session is Wayland, where only XWayland windows are seen.
 std::optional<std::string> waylandNotice(const Environment& environment);

@@ -12,7 +12,6 @@
 #include <set>
 
 #include "agents/capture/app_identity.h"
-#include "agents/common/monotonic_clock.h"
 
 namespace aimwise {
 
@@ -86,7 +85,7 @@ struct X11Desktop::Impl {
     bool activeFromHints = false;
     bool listDirty = true;
     bool activeDirty = true;
-    int64_t lastFullRefreshMs = 0;
+    std::optional<int64_t> lastFullRefreshMs;
     Window lastFocus = 0;
 
     ~Impl() {
@@ -364,11 +363,11 @@ struct X11Desktop::Impl {
         return out;
     }
 
-    std::optional<DesktopSnapshot> sample() {
+    std::optional<DesktopSnapshot> sample(int64_t now) {
         if (connectionLost) return std::nullopt;
         drainEvents();
-        const int64_t now = monotonicMs();
-        if (now - lastFullRefreshMs >= fullRefreshIntervalMs) {
+        if (!lastFullRefreshMs) lastFullRefreshMs = now;
+        if (now - *lastFullRefreshMs >= fullRefreshIntervalMs) {
             markAllDirty();
             lastFullRefreshMs = now;
         }
@@ -440,7 +439,6 @@ std::unique_ptr<X11Desktop> X11Desktop::connect(const std::string& displayName) 
     impl->screenSaverExtension = XScreenSaverQueryExtension(display, &eventBase, &errorBase);
     if (impl->screenSaverExtension) impl->screenSaverInfo = XScreenSaverAllocInfo();
     XSelectInput(display, impl->root, PropertyChangeMask | SubstructureNotifyMask);
-    impl->lastFullRefreshMs = monotonicMs();
     if (impl->connectionLost) return nullptr;
     return std::unique_ptr<X11Desktop>(new X11Desktop(std::move(impl)));
 }
@@ -448,7 +446,7 @@ std::unique_ptr<X11Desktop> X11Desktop::connect(const std::string& displayName) 
 X11Desktop::X11Desktop(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
 X11Desktop::~X11Desktop() = default;
 
-std::optional<DesktopSnapshot> X11Desktop::sample() { return impl_->sample(); }
+std::optional<DesktopSnapshot> X11Desktop::sample(int64_t nowMonotonicMs) { return impl_->sample(nowMonotonicMs); }
 bool X11Desktop::lost() const { return impl_->connectionLost; }
 
 }  // namespace aimwise

@@ -42,7 +42,8 @@ public:
     X11Desktop& operator=(const X11Desktop&) = delete;
 
     // Nothing once the connection is lost; the caller then drops this object and connects anew.
-    std::optional<DesktopSnapshot> sample();
+    // The time, on a monotonic clock, paces the occasional full refresh of window properties.
+    std::optional<DesktopSnapshot> sample(int64_t nowMonotonicMs);
     bool lost() const;
 
     struct Impl;
