@@ -43,7 +43,7 @@ int main(int argc, char** argv) {
 
     if (invocation.mode) {
         for (const Verb& verb : verbTable)
-            if (*invocation.mode == verb.name) return verb.run(invocation);
+            if (*invocation.mode == verb.name) return aimwise::cli::guarded([&] { return verb.run(invocation); });
     }
     aimwise::cli::fail(aimwise::cli::usageText);
 }

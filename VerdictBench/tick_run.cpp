@@ -150,33 +150,26 @@ void discloseEndedBackoffWindow(const fs::path& dataRoot, const std::optional<st
         if (disclosed)
             std::fprintf(stderr, "disclosed ended no-disrupt window (active_backoff_until=%lld)\n",
                          static_cast<long long>(disclosed->activeBackoffUntilMs));
-    } catch (const EventLogWriterError& error) {
-        warn("warning: backoff disclosure check failed: " + error.description());
     } catch (const std::exception& error) {
         warn(std::string("warning: backoff disclosure check failed: ") + error.what());
     }
 }
 
-int runTick(const Platform& platform) {
+int runTick(const Platform& platform, const Clock& clock) {
     const fs::path dataRoot = DataPaths::dataRoot();
     const fs::path signalsPath = dataRoot / "signals.sqlite";
     const auto events = cli::readEventLogIfPresent(dataRoot / "io-layer" / "events.jsonl");
 
-    discloseEndedBackoffWindow(dataRoot, events, cli::nowMs(), platform);
+    discloseEndedBackoffWindow(dataRoot, events, clock.wallMs(), platform);
 
-    const SignalsReader signals = cli::openSignalsOrFail(signalsPath);
+    const SignalsReader signals = SignalsReader::open(signalsPath);
 
     const Environment environment = processEnvironment();
-    int64_t nowMs = cli::nowMs();
+    int64_t nowMs = clock.wallMs();
     std::optional<Cadence::State> cadence = Cadence::read(DataPaths::classifierCadence());
     const Cadence::Config baseConfig = Cadence::Config::fromEnvironment(environment);
     const SignalsStaleness::Pause pause = currentRecordingPause(nowMs);
-    std::optional<SignalsReader::TickRow> latest;
-    try {
-        latest = signals.latestTick();
-    } catch (const SignalsReaderError& error) {
-        cli::fail("FAIL: " + error.description());
-    }
+    const std::optional<SignalsReader::TickRow> latest = signals.latestTick();
 
     // Freshness gate.
     const auto freshness = SignalsStaleness::decide(
@@ -218,19 +211,14 @@ int runTick(const Platform& platform) {
     }
 
     LazyHTTPSession session;
-    std::optional<ClassifierService::StateWithoutPresence> partial;
-    try {
-        partial = ClassifierService::buildStateWithoutPresence(signals, events ? &*events : nullptr, signalsPath,
-                                                               std::nullopt, session);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    if (!partial) cli::fail("no signal data available (volume unmounted or DB empty) — skipping");
+    std::optional<ClassifierService::StateWithoutPresence> partial = ClassifierService::buildStateWithoutPresence(
+        signals, events ? &*events : nullptr, signalsPath, std::nullopt, session);
+    if (!partial) throw cli::Failure("no signal data available (volume unmounted or DB empty) — skipping");
     std::optional<ClassifierState> state = partial->state;
 
     // The decision time: the estimate call above may have taken a while.
     cadence = Cadence::read(DataPaths::classifierCadence());
-    nowMs = cli::nowMs();
+    nowMs = clock.wallMs();
 
     // Power policy.
     std::optional<ClassifierPowerPolicy::PowerSnapshot> power;
@@ -261,33 +249,18 @@ int runTick(const Platform& platform) {
     }
 
     // Only a judgment needs the gap fields.
-    try {
-        state = ClassifierService::withPresence(std::move(*partial), signals);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    state = ClassifierService::withPresence(std::move(*partial), signals);
 
     // Model integrity: nothing goes to a server that is not serving the verified model.
     namespace Guard = ModelIntegrityGuard;
-    ClassifierBackend::Config backendConfig;
-    EndpointURL base;
-    try {
-        backendConfig = ClassifierBackend::mainCallConfig();
-        base = LocalInferenceEndpoint::resolveOrThrow(environment);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const ClassifierBackend::Config backendConfig = ClassifierBackend::mainCallConfig();
+    const EndpointURL base = LocalInferenceEndpoint::resolveOrThrow(environment);
     const std::string& model = backendConfig.model;
     const LocalModelStore store(LocalModelStore::defaultModelsDirectory());
     const std::optional<LocalModelManifest> manifest = store.manifest(model);
     std::optional<std::string> expectedPath;
     if (manifest) expectedPath = (store.modelsDirectory() / manifest->fileName).string();
-    std::string servedPath;
-    try {
-        servedPath = Guard::fetchServedModelPath(base, session.get());
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const std::string servedPath = Guard::fetchServedModelPath(base, session.get());
     const Guard::TickDecision integrity = Guard::tickDecision(
         model, Guard::evaluate(expectedPath, Guard::integrityFileCheck(manifest, store), servedPath), nowMs);
     for (const auto& warning : integrity.warnings) warn(warning);
@@ -304,35 +277,31 @@ int runTick(const Platform& platform) {
         } else {
             Guard::clearRefusalNote(refusalNote);
         }
-        cli::fail(*integrity.refusal);
+        throw cli::Failure(*integrity.refusal);
     }
     Guard::clearRefusalNote(refusalNote);
 
     // The judgment.
-    const int64_t startMs = cli::nowMs();
+    const int64_t startMs = clock.wallMs();
     const auto before = platform.batteryTelemetry();
     const cli::LiveWindowContent capture = platform.captureWindowContent(signals, session.get());
     const auto instructions = classifierInstructions(dataRoot);
 
-    ClassifierService::Outcome outcome;
-    try {
-        outcome = ClassifierService::judge(*state, std::nullopt, capture.content, instructions, capture.redactions,
-                                           capture.withheld, backendConfig, session.get());
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const ClassifierService::Outcome outcome =
+        ClassifierService::judge(*state, std::nullopt, capture.content, instructions, capture.redactions,
+                                 capture.withheld, backendConfig, session.get());
     cli::logPrivacy(outcome);
 
-    const int64_t endMs = cli::nowMs();
+    const int64_t endMs = clock.wallMs();
     const auto after = platform.batteryTelemetry();
-    const std::string at = ProjectionDateParsing::formatLocal(cli::nowMs());
+    const std::string at = ProjectionDateParsing::formatLocal(clock.wallMs());
 
     const ClassifierTick tick = ClassifierService::loggedTick(at, outcome, capture.screenshotAtMs, model);
     appendClassifierTick(tick, dataRoot / "checker-log.jsonl");
     writeCadence(Cadence::advanced(cadence, nowMs, outcome.judgment.state, state->frontmostApp,
                                    state->frontmostWindowTitle, away, episode, config));
 
-    const int64_t atMs = tick.atMs().value_or(cli::nowMs());
+    const int64_t atMs = tick.atMs().value_or(clock.wallMs());
     if (capture.content) {
         JSONValue::Object row{{"v", 1},
                               {"atMs", atMs},
@@ -342,8 +311,6 @@ int runTick(const Platform& platform) {
         if (capture.screenshotAtMs) row["screenshotAtMs"] = *capture.screenshotAtMs;
         try {
             JSONLAppend::append(row, dataRoot / describeLogFileName);
-        } catch (const EventLogWriterError& error) {
-            warn("describe log append failed (tick was still written): " + error.description());
         } catch (const std::exception& error) {
             warn(std::string("describe log append failed (tick was still written): ") + error.what());
         }
@@ -351,8 +318,6 @@ int runTick(const Platform& platform) {
     try {
         ClassifierTickEnergyLog::append({atMs, startMs, endMs, model, before, after},
                                         dataRoot / ClassifierTickEnergyLog::fileName);
-    } catch (const EventLogWriterError& error) {
-        warn("tick energy log append failed (tick was still written): " + error.description());
     } catch (const std::exception& error) {
         warn(std::string("tick energy log append failed (tick was still written): ") + error.what());
     }

@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AimwiseCore/models/endpoint_url.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
@@ -34,14 +35,9 @@ struct HTTPResponse {
 };
 
 // No HTTP reply came back: refused connection, a timeout, a connection cut mid-body.
-class HTTPTransportFailure : public std::exception {
+class HTTPTransportFailure : public Error {
 public:
-    explicit HTTPTransportFailure(std::string description) : description_(std::move(description)) {}
-    const std::string& description() const { return description_; }
-    const char* what() const noexcept override { return description_.c_str(); }
-
-private:
-    std::string description_;
+    using Error::Error;
 };
 
 class HTTPSession {

@@ -5,18 +5,20 @@
 #include <string>
 #include <vector>
 
+#include "CaptureShared/common/error.h"
+
 namespace aimwise {
 
 namespace fs = std::filesystem;
 
 // Raised by the writers of config.json; see AgentConfig for the rendered words.
-struct ConfigWriteError {
+struct ConfigWriteError : Error {
     enum class Kind { unsupportedKeys, malformedConfig };
+    ConfigWriteError(Kind kind, std::vector<std::string> keys, std::string reason, fs::path path);
     Kind kind;
     std::vector<std::string> keys;  // unsupportedKeys
     std::string reason;             // malformedConfig
     fs::path path;                  // the file refused; empty means DataPaths::configPath()
-    std::string description() const;
 };
 
 namespace DataPaths {
