@@ -11,13 +11,15 @@
 #include "agents/capture/idle_split.h"
 #include "agents/capture/signals_writer.h"
 #include "agents/capture/tick_record.h"
-#include "agents/capture/x11_desktop.h"
+#include "platform/desktop_session.h"
 
 namespace aimwise {
 
 namespace {
 
-void say(const std::string& message) { std::fprintf(stderr, "aimwise-capture: %s\n", message.c_str()); }
+void say(const std::string& message) {
+    std::fprintf(stderr, "aimwise-capture: %s\n", message.c_str());
+}
 
 // Sleeps until `deadlineMs` (monotonic) in short steps, so that a stop request is seen promptly.
 void sleepUntil(int64_t deadlineMs, const std::atomic<bool>& stop, const Clock& clock) {
@@ -29,7 +31,7 @@ void sleepUntil(int64_t deadlineMs, const std::atomic<bool>& stop, const Clock& 
 }
 
 class Agent {
-public:
+  public:
     Agent(const CaptureOptions& options, const Clock& clock)
         : options_(options), clock_(clock), lock_(options.sessionLock) {}
 
@@ -49,9 +51,11 @@ public:
         if (!writer_ && !openWriter()) return false;
 
         std::optional<IdleSplit::Reading> idle;
-        if (snapshot->idleSec) idle = idleSplit_.update(nowMonotonic, *snapshot->idleSec, {snapshot->pointerX, snapshot->pointerY});
+        if (snapshot->idleSec)
+            idle =
+                idleSplit_.update(nowMonotonic, *snapshot->idleSec, {snapshot->pointerX, snapshot->pointerY});
         if (!power_ || nowMonotonic - powerReadAtMs_ >= options_.powerRefreshMs) {
-            power_ = PowerSupply::read(options_.powerSupplyRoot);
+            power_ = PowerSource::readTickColumns(options_.powerSupplyRoot);
             powerReadAtMs_ = nowMonotonic;
         }
         const auto locked = lock_.locked(nowMonotonic);
@@ -61,15 +65,15 @@ public:
 
     int64_t nextDelayMs() const { return rootMissing_ ? options_.rootRetryMs : options_.intervalMs; }
 
-private:
+  private:
     bool dataRootReady(int64_t nowMonotonic) {
         if (!DataPaths::isDataRootAvailable()) {
             // Let go of the file so that the volume can be unmounted.
             writer_.reset();
             if (!rootMissing_)
                 say(DataPaths::dataRootUnavailableReason().value_or("the data root is not available") +
-                    " — recording nothing; checking again every " + std::to_string(options_.rootRetryMs / 1000) +
-                    " s");
+                    " — recording nothing; checking again every " +
+                    std::to_string(options_.rootRetryMs / 1000) + " s");
             rootMissing_ = true;
             return false;
         }
@@ -97,13 +101,14 @@ private:
 
     std::optional<DesktopSnapshot> sampleDesktop(int64_t nowMonotonic) {
         if (!desktop_ && nowMonotonic >= nextDisplayAttemptMs_) {
-            desktop_ = X11Desktop::connect(options_.display);
+            desktop_ = DesktopSession::connect(options_.display);
             if (desktop_) {
                 if (displayMissing_) say("connected to the X display again");
                 displayMissing_ = false;
             } else {
-                if (!displayMissing_) say("cannot open X display \"" + displayName() + "\"; retrying every " +
-                                          std::to_string(options_.displayRetryMs / 1000) + " s");
+                if (!displayMissing_)
+                    say("cannot open X display \"" + displayName() + "\"; retrying every " +
+                        std::to_string(options_.displayRetryMs / 1000) + " s");
                 displayMissing_ = true;
                 nextDisplayAttemptMs_ = nowMonotonic + options_.displayRetryMs;
             }
@@ -129,9 +134,9 @@ private:
     const Clock& clock_;
     SessionLock lock_;
     IdleSplit idleSplit_;
-    std::unique_ptr<X11Desktop> desktop_;
+    std::unique_ptr<DesktopSession> desktop_;
     std::unique_ptr<SignalsWriter> writer_;
-    std::optional<PowerSupply::Reading> power_;
+    std::optional<PowerSource::TickColumns> power_;
     int64_t powerReadAtMs_ = 0;
     int64_t nextDisplayAttemptMs_ = 0;
     bool rootMissing_ = false;
@@ -145,8 +150,10 @@ std::optional<std::string> waylandNotice(const Environment& environment) {
     const bool wayland = lookup(environment, "XDG_SESSION_TYPE") == "wayland" ||
                          !lookup(environment, "WAYLAND_DISPLAY").value_or("").empty();
     if (!wayland) return std::nullopt;
-    return "this is a Wayland session: only applications running through XWayland are visible. Their windows, "
-           "titles and the front window among them are recorded; native Wayland windows are not, and idle time "
+    return "this is a Wayland session: only applications running through XWayland are visible. Their "
+           "windows, "
+           "titles and the front window among them are recorded; native Wayland windows are not, and idle "
+           "time "
            "counts only input that XWayland sees.";
 }
 
