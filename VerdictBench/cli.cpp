@@ -87,7 +87,7 @@ void fail(const std::string& message) {
     std::exit(1);
 }
 
-std::optional<int64_t> parseInternetDateTime(const std::string& text) { return IsoDate::parse(text); }
+std::optional<int64_t> parseInternetDateTime(const std::string& text) { return ISODate::parse(text); }
 
 std::optional<int64_t> parseAsOf(const std::optional<std::string>& text) {
     if (!text) return std::nullopt;

@@ -25,7 +25,7 @@ constexpr Verb verbTable[] = {
     {"tick", aimwise::verbs::runTickVerb},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
     {"estimate-selftest", aimwise::verbs::runEstimateSelftest},
-    {"ocr-selftest", aimwise::verbs::runOcrSelftest},
+    {"ocr-selftest", aimwise::verbs::runOCRSelftest},
     {"integrity", aimwise::verbs::runIntegrity},
     {"staleness", aimwise::verbs::runStaleness},
 };

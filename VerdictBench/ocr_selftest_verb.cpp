@@ -52,7 +52,7 @@ int selftest(const std::string& imagePath) {
 
 }  // namespace
 
-int runOcrSelftest(const cli::Invocation& invocation) {
+int runOCRSelftest(const cli::Invocation& invocation) {
     if (invocation.positional.empty()) throw cli::Failure("usage: ocr-selftest <image-path>");
     // Nothing is caught along the way: an unreadable image or a failed description ends the
     // self-test here, with its description and a non-zero status.

@@ -20,7 +20,6 @@
 #include "AimwiseCore/classifier/integrity_guard.h"
 #include "AimwiseCore/classifier/live_readings.h"
 #include "AimwiseCore/classifier/tick_energy_log.h"
-#include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/events/event_log_writer.h"
 #include "AimwiseCore/events/jsonl_append.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
@@ -28,6 +27,7 @@
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/local_time.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
 #include "CaptureShared/staleness/recording_pause.h"
@@ -342,7 +342,7 @@ Judgment judge(TickRun& run) {
 // The verdict first: the logs after it are worth less than the verdict, and their failures only warn.
 void record(TickRun& run, const Judgment& judgment) {
     const std::string& model = run.backendConfig.model;
-    const std::string at = ProjectionDateParsing::formatLocal(run.clock.wallMs());
+    const std::string at = LocalTime::format(run.clock.wallMs());
     const ClassifierTick tick = ClassifierService::loggedTick(at, judgment.outcome, judgment.capture.screenshotAtMs, model);
     appendClassifierTick(tick, run.dataRoot / "checker-log.jsonl");
     writeCadence(Cadence::advanced(run.cadence, run.nowMs, judgment.outcome.judgment.state, run.state->frontmostApp,

@@ -1,6 +1,6 @@
 #pragma once
 // The one parser of classifier times: local wall-clock text "yyyy-MM-dd'T'HH:mm:ss" in the current
-// time zone. The projection re-reads the whole retained classifier log every turn, so parses are
+// time zone (CaptureShared/common/local_time.h), memoised. The projection re-reads the whole retained classifier log every turn, so parses are
 // memoised process-wide, failures included.
 #include <cstddef>
 #include <cstdint>
@@ -39,8 +39,6 @@ namespace ProjectionDateParsing {
 // Milliseconds since the epoch, or nothing for text not wholly in the format.
 std::optional<int64_t> parseLocal(std::string_view text);
 std::optional<int64_t> parseLocalUncached(std::string_view text);
-// The same format, to the second.
-std::string formatLocal(int64_t ms);
 
 }  // namespace ProjectionDateParsing
 

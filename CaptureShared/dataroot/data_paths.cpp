@@ -15,6 +15,8 @@
 
 namespace aimwise {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 std::string describeConfigWrite(ConfigWriteError::Kind kind, const std::vector<std::string>& keys,
