@@ -52,7 +52,8 @@ Run runHelper(const std::vector<std::string>& arguments, const std::vector<std::
     envp.push_back(nullptr);
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
-    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC, 0600);
+    posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, output.c_str(), O_WRONLY | O_CREAT | O_TRUNC,
+                                     0600);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
     const auto start = std::chrono::steady_clock::now();
     pid_t pid = 0;
@@ -90,7 +91,7 @@ double wordAccuracy(const std::vector<std::string>& expected, const std::string&
 // --- the windows -----------------------------------------------------------------------------
 
 struct Text {
-    int x, y;  // baseline origin
+    int x, y;          // baseline origin
     std::string font;  // an Xft pattern
     std::string colour;
     std::string line;
@@ -110,13 +111,13 @@ struct Window {
 };
 
 const std::vector<std::string> vocabulary{
-    "the",     "report",   "quarterly", "revenue", "grew",     "while",     "costs",    "fell",      "across",
-    "every",   "region",   "team",      "meeting", "notes",    "schedule",  "project",  "review",    "deadline",
-    "budget",  "design",   "customer",  "support", "release",  "version",   "update",   "security",  "network",
-    "server",  "database", "analysis",  "market",  "growth",   "strategy",  "product",  "feature",   "request",
-    "summary", "morning",  "evening",   "weekend", "holiday",  "travel",    "weather",  "forecast",  "garden",
-    "kitchen", "recipe",   "history",   "science", "research", "library",   "student",  "teacher",   "lesson",
-    "and",     "with",     "from",      "into",    "about",    "after",     "before",   "between",   "under"};
+    "the",     "report",   "quarterly", "revenue", "grew",     "while",    "costs",   "fell",     "across",
+    "every",   "region",   "team",      "meeting", "notes",    "schedule", "project", "review",   "deadline",
+    "budget",  "design",   "customer",  "support", "release",  "version",  "update",  "security", "network",
+    "server",  "database", "analysis",  "market",  "growth",   "strategy", "product", "feature",  "request",
+    "summary", "morning",  "evening",   "weekend", "holiday",  "travel",   "weather", "forecast", "garden",
+    "kitchen", "recipe",   "history",   "science", "research", "library",  "student", "teacher",  "lesson",
+    "and",     "with",     "from",      "into",    "about",    "after",    "before",  "between",  "under"};
 
 std::string sentence(std::mt19937& random, int count) {
     std::string text;
@@ -128,7 +129,8 @@ Window terminal() {
     Window window{"terminal", 900, 700, "#1e1e1e", {}};
     std::mt19937 random(11);
     const std::string font = "DejaVu Sans Mono:pixelsize=14";
-    const char* commands[] = {"git status", "ls -la src", "make test", "grep -rn budget notes", "cat summary.txt"};
+    const char* commands[] = {"git status", "ls -la src", "make test", "grep -rn budget notes",
+                              "cat summary.txt"};
     int y = 22;
     for (int i = 0; y < window.height - 10; ++i) {
         const bool prompt = i % 4 == 0;
@@ -147,7 +149,8 @@ Window editor() {
     int y = 16;
     for (int line = 1; y < window.height - 6; ++line) {
         window.texts.push_back({6, y, font, "#999999", std::to_string(line)});
-        window.texts.push_back({44 + static_cast<int>(random() % 3) * 24, y, font, "#202020", sentence(random, 7)});
+        window.texts.push_back(
+            {44 + static_cast<int>(random() % 3) * 24, y, font, "#202020", sentence(random, 7)});
         y += 15;
     }
     return window;
@@ -159,7 +162,8 @@ Window webPage() {
     const std::string body = "DejaVu Sans:pixelsize=13", small = "DejaVu Sans:pixelsize=12";
     window.texts.push_back({20, 34, "DejaVu Sans:bold:pixelsize=24", "#111111", "Quarterly market review"});
     for (int i = 0; i < 6; ++i)
-        window.texts.push_back({20 + i * 130, 64, small, "#1a0dab", sentence(random, 1) + " " + sentence(random, 1)});
+        window.texts.push_back(
+            {20 + i * 130, 64, small, "#1a0dab", sentence(random, 1) + " " + sentence(random, 1)});
     // Two columns of paragraphs and a sidebar, as a news page crowds them.
     for (int column = 0; column < 2; ++column)
         for (int y = 100; y < window.height - 10; y += 18)
@@ -171,7 +175,7 @@ Window webPage() {
 
 // A private X server with the windows drawn on it and captured as PNG files.
 class Screens {
-public:
+  public:
     Screens() {
         int report[2];
         if (::pipe(report) != 0) return;
@@ -229,7 +233,7 @@ public:
     const std::vector<Image>& images() const { return images_; }
     const fs::path& directory() const { return directory_; }
 
-private:
+  private:
     bool draw(const Window& window, const fs::path& png) {
         const int screen = DefaultScreen(display_);
         Visual* visual = DefaultVisual(display_, screen);
@@ -239,8 +243,8 @@ private:
         XSetWindowAttributes attributes{};
         attributes.background_pixel = background.pixel;
         attributes.override_redirect = True;
-        const ::Window id = XCreateWindow(display_, RootWindow(display_, screen), 0, 0, window.width, window.height, 0,
-                                          CopyFromParent, InputOutput, CopyFromParent,
+        const ::Window id = XCreateWindow(display_, RootWindow(display_, screen), 0, 0, window.width,
+                                          window.height, 0, CopyFromParent, InputOutput, CopyFromParent,
                                           CWBackPixel | CWOverrideRedirect, &attributes);
         XMapRaised(display_, id);
         XSync(display_, False);
@@ -250,7 +254,8 @@ private:
             XftFont* font = XftFontOpenName(display_, screen, text.font.c_str());
             XftColor ink;
             XftColorAllocName(display_, visual, colormap, text.colour.c_str(), &ink);
-            XftDrawStringUtf8(draw, &ink, font, text.x, text.y, reinterpret_cast<const FcChar8*>(text.line.data()),
+            XftDrawStringUtf8(draw, &ink, font, text.x, text.y,
+                              reinterpret_cast<const FcChar8*>(text.line.data()),
                               static_cast<int>(text.line.size()));
             XftFontClose(display_, font);
         }
@@ -275,12 +280,15 @@ const Screens& screens() {
     return made;
 }
 
-std::string helper() { return AIMWISE_BINARY_DIR "/bin/aimwise-ocr"; }
+std::string helper() {
+    return AIMWISE_BINARY_DIR "/bin/aimwise-ocr";
+}
 
 void readWindow(benchmark::State& state, const std::vector<std::string>& extraArguments,
                 const std::vector<std::string>& environment) {
     const auto& images = screens().images();
-    if (images.size() != 3) return state.SkipWithError("the windows could not be drawn and captured (Xvfb, maim)");
+    if (images.size() != 3)
+        return state.SkipWithError("the windows could not be drawn and captured (Xvfb, maim)");
     const auto& image = images.at(static_cast<size_t>(state.range(0)));
     state.SetLabel(image.name);
     std::vector<std::string> arguments{helper()};
@@ -302,13 +310,26 @@ void readWindow(benchmark::State& state, const std::vector<std::string>& extraAr
     state.counters["words"] = static_cast<double>(image.words.size());
 }
 
-void BM_Helper(benchmark::State& state) { readWindow(state, {}, {}); }
-BENCHMARK(BM_Helper)->DenseRange(0, 2)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
+void BM_Helper(benchmark::State& state) {
+    readWindow(state, {}, {});
+}
+BENCHMARK(BM_Helper)
+    ->DenseRange(0, 2)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->Repetitions(3);
 
 void BM_Baseline(benchmark::State& state) {
-    readWindow(state, {"--upscale", "3"}, {"OMP_THREAD_LIMIT=" + std::to_string(std::thread::hardware_concurrency())});
+    readWindow(state, {"--upscale", "3"},
+               {"OMP_THREAD_LIMIT=" + std::to_string(std::thread::hardware_concurrency())});
 }
-BENCHMARK(BM_Baseline)->DenseRange(0, 2)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(1)->Repetitions(3);
+BENCHMARK(BM_Baseline)
+    ->DenseRange(0, 2)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(1)
+    ->Repetitions(3);
 
 }  // namespace
 

@@ -20,7 +20,7 @@ struct ChildRunnerError : Error {
 };
 
 class ChildRunner {
-public:
+  public:
     using Id = uint64_t;
 
     struct Ended {

@@ -19,7 +19,7 @@ struct FileWatcherError : Error {
 };
 
 class FileWatcher {
-public:
+  public:
     virtual ~FileWatcher() = default;
 
     // On Linux an inotify instance. Throws FileWatcherError.

@@ -28,7 +28,9 @@ namespace {
 // Between the polite SIGTERM and SIGKILL, as for the blocking runner.
 constexpr int64_t terminateGraceMs = 500;
 
-std::string errnoText(int error) { return std::strerror(error); }
+std::string errnoText(int error) {
+    return std::strerror(error);
+}
 
 void drainCounter(int fd) {
     uint64_t value = 0;
@@ -37,7 +39,8 @@ void drainCounter(int fd) {
 }
 
 // The child in a process group of its own, with default signals and the null device for its streams.
-std::optional<pid_t> spawn(const std::string& executable, const std::vector<std::string>& arguments, int& error) {
+std::optional<pid_t> spawn(const std::string& executable, const std::vector<std::string>& arguments,
+                           int& error) {
     posix_spawn_file_actions_t actions;
     posix_spawn_file_actions_init(&actions);
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
@@ -51,7 +54,8 @@ std::optional<pid_t> spawn(const std::string& executable, const std::vector<std:
     posix_spawnattr_setsigmask(&attributes, &noSignals);
     posix_spawnattr_setsigdefault(&attributes, &allSignals);
     posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
+    posix_spawnattr_setflags(&attributes,
+                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
 
     std::vector<char*> argv{const_cast<char*>(executable.c_str())};
     for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
@@ -67,7 +71,7 @@ std::optional<pid_t> spawn(const std::string& executable, const std::vector<std:
 }
 
 class LinuxChildRunner final : public ChildRunner {
-public:
+  public:
     LinuxChildRunner()
         : epoll_(::epoll_create1(EPOLL_CLOEXEC)),
           timer_(::timerfd_create(CLOCK_MONOTONIC, TFD_NONBLOCK | TFD_CLOEXEC)),
@@ -91,7 +95,8 @@ public:
     LinuxChildRunner(const LinuxChildRunner&) = delete;
     LinuxChildRunner& operator=(const LinuxChildRunner&) = delete;
 
-    Id start(const std::string& executable, const std::vector<std::string>& arguments, double timeoutSec) override {
+    Id start(const std::string& executable, const std::vector<std::string>& arguments,
+             double timeoutSec) override {
         const Id id = ++lastId_;
         int error = 0;
         const auto pid = spawn(executable, arguments, error);
@@ -150,7 +155,7 @@ public:
 
     size_t running() const override { return children_.size() + launchFailures_.size(); }
 
-private:
+  private:
     struct Child {
         Id id;
         pid_t pid;
@@ -212,6 +217,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<ChildRunner> ChildRunner::create() { return std::make_unique<LinuxChildRunner>(); }
+std::unique_ptr<ChildRunner> ChildRunner::create() {
+    return std::make_unique<LinuxChildRunner>();
+}
 
 }  // namespace aimwise

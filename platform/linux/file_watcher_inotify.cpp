@@ -21,9 +21,10 @@ constexpr uint32_t directoryEvents =
     IN_MODIFY | IN_CLOSE_WRITE | IN_CREATE | IN_MOVED_TO | IN_MOVED_FROM | IN_DELETE | IN_ATTRIB | IN_ONLYDIR;
 
 class InotifyFileWatcher final : public FileWatcher {
-public:
+  public:
     InotifyFileWatcher() : fd_(::inotify_init1(IN_NONBLOCK | IN_CLOEXEC)) {
-        if (fd_ < 0) throw FileWatcherError(std::string("could not start watching files: ") + std::strerror(errno));
+        if (fd_ < 0)
+            throw FileWatcherError(std::string("could not start watching files: ") + std::strerror(errno));
     }
     ~InotifyFileWatcher() override { ::close(fd_); }
     InotifyFileWatcher(const InotifyFileWatcher&) = delete;
@@ -43,7 +44,8 @@ public:
     std::vector<fs::path> readEvents() override {
         std::vector<fs::path> changed;
         const auto report = [&](fs::path path) {
-            if (std::find(changed.begin(), changed.end(), path) == changed.end()) changed.push_back(std::move(path));
+            if (std::find(changed.begin(), changed.end(), path) == changed.end())
+                changed.push_back(std::move(path));
         };
         alignas(inotify_event) char buffer[16 * 1024];
         for (;;) {
@@ -67,7 +69,7 @@ public:
         return changed;
     }
 
-private:
+  private:
     struct Directory {
         fs::path path;
         std::set<std::string> names;
@@ -79,6 +81,8 @@ private:
 
 }  // namespace
 
-std::unique_ptr<FileWatcher> FileWatcher::create() { return std::make_unique<InotifyFileWatcher>(); }
+std::unique_ptr<FileWatcher> FileWatcher::create() {
+    return std::make_unique<InotifyFileWatcher>();
+}
 
 }  // namespace aimwise

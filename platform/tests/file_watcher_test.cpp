@@ -39,12 +39,25 @@ TEST(FileWatcher, SeesAFileAppendedReplacedByARenameCreatedLaterAndDeleted) {
     };
     const std::vector<Row> rows{
         {"appended", append, {events}},
-        {"appended many times, reported once", [&] { for (int i = 0; i < 50; ++i) append(); }, {events}},
-        {"replaced by a rename", [&] { writeFile(dir / "events.tmp", "{}\n"); fs::rename(dir / "events.tmp", events); },
+        {"appended many times, reported once",
+         [&] {
+             for (int i = 0; i < 50; ++i) append();
+         },
+         {events}},
+        {"replaced by a rename",
+         [&] {
+             writeFile(dir / "events.tmp", "{}\n");
+             fs::rename(dir / "events.tmp", events);
+         },
          {events}},
         {"appended after the replace", append, {events}},
         {"created after the start", [&] { writeFile(later, "{}"); }, {later}},
-        {"two files at once, in order", [&] { append(); writeFile(later, "[]"); }, {events, later}},
+        {"two files at once, in order",
+         [&] {
+             append();
+             writeFile(later, "[]");
+         },
+         {events, later}},
         {"deleted", [&] { fs::remove(later); }, {later}},
         {"another file in the directory", [&] { writeFile(dir / "other.txt", "x"); }, {}},
     };
@@ -62,7 +75,8 @@ TEST(FileWatcher, AMissingDirectoryIsATypedError) {
         watcher->watch(dir / "absent", {"events.jsonl"});
         ADD_FAILURE() << "an absent directory was watched";
     } catch (const FileWatcherError& error) {
-        EXPECT_EQ(error.description(), "could not watch " + (dir / "absent").string() + ": No such file or directory");
+        EXPECT_EQ(error.description(),
+                  "could not watch " + (dir / "absent").string() + ": No such file or directory");
     }
 }
 

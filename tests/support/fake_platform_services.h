@@ -15,13 +15,13 @@
 namespace aimwise::testing {
 
 class PollableFake {
-public:
+  public:
     PollableFake() : fd_(::eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC)) {}
     ~PollableFake() { ::close(fd_); }
     PollableFake(const PollableFake&) = delete;
     PollableFake& operator=(const PollableFake&) = delete;
 
-protected:
+  protected:
     void signal() {
         const uint64_t one = 1;
         (void)!::write(fd_, &one, sizeof one);
@@ -34,7 +34,7 @@ protected:
 };
 
 class FakeFileWatcher final : public FileWatcher, PollableFake {
-public:
+  public:
     void watch(const std::filesystem::path& directory, const std::vector<std::string>& names) override {
         for (const auto& name : names) watched.push_back(directory / name);
     }
@@ -53,19 +53,20 @@ public:
 
     std::vector<std::filesystem::path> watched;
 
-private:
+  private:
     std::vector<std::filesystem::path> changed_;
 };
 
 class FakeChildRunner final : public ChildRunner, PollableFake {
-public:
+  public:
     struct Started {
         std::string executable;
         std::vector<std::string> arguments;
         double timeoutSec = 0;
     };
 
-    Id start(const std::string& executable, const std::vector<std::string>& arguments, double timeoutSec) override {
+    Id start(const std::string& executable, const std::vector<std::string>& arguments,
+             double timeoutSec) override {
         started[++lastId_] = {executable, arguments, timeoutSec};
         return lastId_;
     }
@@ -85,7 +86,7 @@ public:
 
     std::map<Id, Started> started;
 
-private:
+  private:
     Id lastId_ = 0;
     std::vector<Ended> ended_;
 };

@@ -40,7 +40,8 @@ void limitToOneThread(char** argv) {
 // over, since the engine reads dark on light and otherwise tries each doubtful line both ways,
 // which doubled the time for a terminal.
 void makeTextDark(PIX* gray) {
-    std::unique_ptr<NUMA, void (*)(NUMA*)> histogram(pixGetGrayHistogram(gray, 4), [](NUMA* n) { numaDestroy(&n); });
+    std::unique_ptr<NUMA, void (*)(NUMA*)> histogram(pixGetGrayHistogram(gray, 4),
+                                                     [](NUMA* n) { numaDestroy(&n); });
     if (!histogram) return;
     double dark = 0, all = 0;
     for (int value = 0; value < 256; ++value) {
