@@ -7,6 +7,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <cmath>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -80,7 +81,9 @@ constexpr double readableGlyphHeight = 11.0;
 float upscaleFactor(PIX* gray) {
     const auto height = glyphHeight(gray);
     if (!height) return 1.5f;
-    return static_cast<float>(std::clamp(readableGlyphHeight / *height, 1.0, 3.0));
+    // In half steps: between them the engine's page layout lost a lone line of small text (at 1.25
+    // and 1.75) that it read at 1.5 and 2.
+    return static_cast<float>(std::clamp(std::round(2.0 * readableGlyphHeight / *height) / 2.0, 1.0, 3.0));
 }
 
 std::string trim(std::string text) {
