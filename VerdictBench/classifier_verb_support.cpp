@@ -7,21 +7,12 @@
 #include "AimwiseCore/classifier/window_content.h"
 #include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
-#include "AimwiseCore/models/model_backend_error.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 #include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/utf8.h"
 #include "VerdictBench/cli.h"
 
 namespace aimwise::cli {
-
-SignalsReader openSignalsOrFail(const std::filesystem::path& signalsPath) {
-    try {
-        return SignalsReader::open(signalsPath);
-    } catch (const SignalsReaderError& error) {
-        fail("FAIL: " + error.description());
-    }
-}
 
 std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::filesystem::path& eventsPath) {
     std::error_code error;
@@ -33,33 +24,12 @@ std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::files
     }
 }
 
-ClassifierState buildStateOrFail(const SignalsReader& signals, const std::optional<std::vector<EventLogEvent>>& events,
-                                 const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
-                                 const std::optional<std::string>& asOfArgument, LazyHTTPSession& session) {
-    std::optional<ClassifierState> state;
-    try {
-        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
-    } catch (...) {
-        fail("FAIL: " + describe(std::current_exception()));
-    }
-    if (!state) fail("no tick data available at " + asOfArgument.value_or("now"));
+ClassifierState buildState(const SignalsReader& signals, const std::optional<std::vector<EventLogEvent>>& events,
+                           const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
+                           const std::optional<std::string>& asOfArgument, LazyHTTPSession& session) {
+    auto state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
+    if (!state) throw Failure("no tick data available at " + asOfArgument.value_or("now"));
     return *state;
-}
-
-std::string describe(const std::exception_ptr& error) {
-    try {
-        std::rethrow_exception(error);
-    } catch (const SignalsReaderError& e) {
-        return e.description();
-    } catch (const ModelBackendError& e) {
-        return e.description();
-    } catch (const LocalInferenceEndpoint::ResolutionError& e) {
-        return e.description();
-    } catch (const std::exception& e) {
-        return e.what();
-    } catch (...) {
-        return "unknown error";
-    }
 }
 
 LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSession& session) {

@@ -1,6 +1,5 @@
 #pragma once
-// What `judge`, `prompt` and `tick` share: their inputs from the data root and their error words.
-#include <exception>
+// What `judge`, `prompt` and `tick` share: their inputs from the data root.
 #include <filesystem>
 #include <optional>
 #include <string>
@@ -13,20 +12,14 @@
 
 namespace aimwise::cli {
 
-// A failure ends the process with "FAIL: " and the error.
-SignalsReader openSignalsOrFail(const std::filesystem::path& signalsPath);
-
 // The whole event log when the file exists and can be read; nothing otherwise, which is no error.
 std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::filesystem::path& eventsPath);
 
-// The state at `asOfMs` (now when absent), or the process ends: "FAIL: " and the error, or
+// The state at `asOfMs` (now when absent). Throws what building it throws, or a Failure:
 // "no tick data available at " and the timestamp text (or "now").
-ClassifierState buildStateOrFail(const SignalsReader& signals, const std::optional<std::vector<EventLogEvent>>& events,
-                                 const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
-                                 const std::optional<std::string>& asOfArgument, LazyHTTPSession& session);
-
-// The system's own words for a caught error of any of the kinds a verb meets.
-std::string describe(const std::exception_ptr& error);
+ClassifierState buildState(const SignalsReader& signals, const std::optional<std::vector<EventLogEvent>>& events,
+                           const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
+                           const std::optional<std::string>& asOfArgument, LazyHTTPSession& session);
 
 // The front window's content for a live judgment, or why it was withheld.
 struct LiveWindowContent {

@@ -1,11 +1,8 @@
 #include "VerdictBench/cli.h"
 
-#include <chrono>
 #include <cstdio>
 #include <cstdlib>
-#include <ctime>
 
-#include "CaptureShared/common/clock.h"
 #include "CaptureShared/common/iso_date.h"
 
 namespace aimwise::cli {
@@ -61,22 +58,41 @@ Invocation splitArguments(const std::vector<std::string>& allArguments) {
     return invocation;
 }
 
-void fail(const std::string& message) {
+namespace {
+
+void sayLast(const std::string& message) {
     std::fwrite(message.data(), 1, message.size(), stderr);
     std::fputc('\n', stderr);
     std::fflush(stdout);
     std::fflush(stderr);
+}
+
+}  // namespace
+
+int guarded(const std::function<int()>& verb) {
+    try {
+        return verb();
+    } catch (const Failure& failure) {
+        sayLast(failure.description());
+    } catch (const Error& error) {
+        sayLast("FAIL: " + error.description());
+    } catch (const std::exception& error) {
+        sayLast(std::string("FAIL: ") + error.what());
+    }
+    return 1;
+}
+
+void fail(const std::string& message) {
+    sayLast(message);
     std::exit(1);
 }
 
-std::optional<int64_t> parseInternetDateTime(const std::string& text) { return IsoDate::parse(text); }
+std::optional<int64_t> parseInternetDateTime(const std::string& text) { return ISODate::parse(text); }
 
 std::optional<int64_t> parseAsOf(const std::optional<std::string>& text) {
     if (!text) return std::nullopt;
     if (auto ms = parseInternetDateTime(*text)) return ms;
-    fail("could not parse timestamp: " + *text);
+    throw Failure("could not parse timestamp: " + *text);
 }
-
-int64_t nowMs() { return wallClockMs(); }
 
 }  // namespace aimwise::cli

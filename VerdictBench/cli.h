@@ -1,9 +1,13 @@
 #pragma once
 // The process-wide values of the command line and the helpers every verb shares.
 #include <cstdint>
+#include <functional>
 #include <optional>
 #include <string>
 #include <vector>
+
+#include "CaptureShared/common/clock.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise::cli {
 
@@ -16,6 +20,8 @@ struct Invocation {
     std::vector<std::string> positional;
     std::optional<std::string> windowContentFlag;
     bool noWindowContentFlag = false;
+    // Where the verbs read the time; tests hand in a fake one.
+    const Clock* clock = &Clock::system();
 };
 
 inline constexpr double tickWatchdogCeilingSec = 275.0;
@@ -29,17 +35,24 @@ struct WindowContentSplit {
 Invocation splitArguments(const std::vector<std::string>& allArguments);
 WindowContentSplit extractWindowContentFlag(const std::vector<std::string>& args);
 
-// Message and newline on standard error, exit status 1.
+// A verb's own last words, printed as they are: usage, "no tick data available at ...", a refusal.
+struct Failure : Error {
+    using Error::Error;
+};
+
+// The one catch boundary of the verbs: runs `verb` and returns its status, or, when it throws,
+// prints a Failure's words or "FAIL: " and any other error's description on standard error and
+// returns 1. Standard output is flushed first, so what a verb printed before failing comes first.
+int guarded(const std::function<int()>& verb);
+
+// Message and newline on standard error, exit status 1. Only the dispatcher calls it.
 [[noreturn]] void fail(const std::string& message);
 
 // ISO-8601 internet date-time, with or without fractional seconds, to milliseconds.
-// Absent in, absent out; an unparseable text is a `fail`.
+// Absent in, absent out; an unparseable text throws a Failure.
 std::optional<int64_t> parseAsOf(const std::optional<std::string>& text);
 // The parsing alone, for callers that report failure themselves.
 std::optional<int64_t> parseInternetDateTime(const std::string& text);
-
-// System clock seconds * 1000, truncated.
-int64_t nowMs();
 
 extern const char* const usageText;
 

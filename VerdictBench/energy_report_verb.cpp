@@ -15,8 +15,7 @@ namespace aimwise::verbs {
 namespace {
 
 // Only the first "--now-ms" counts; a value that is not a whole number leaves the real now.
-int64_t reportNow(const std::vector<std::string>& positional) {
-    const int64_t now = cli::nowMs();
+int64_t reportNow(const std::vector<std::string>& positional, int64_t now) {
     const auto flag = std::find(positional.begin(), positional.end(), "--now-ms");
     if (flag == positional.end() || flag + 1 == positional.end()) return now;
     const std::string& text = *(flag + 1);
@@ -29,7 +28,7 @@ int64_t reportNow(const std::vector<std::string>& positional) {
 
 int runEnergyReport(const cli::Invocation& invocation) {
     const std::string report =
-        ClassifierEnergyReport::live(DataPaths::dataRoot(), reportNow(invocation.positional));
+        ClassifierEnergyReport::live(DataPaths::dataRoot(), reportNow(invocation.positional, invocation.clock->wallMs()));
     std::fwrite(report.data(), 1, report.size(), stdout);
     std::fflush(stdout);
     return 0;

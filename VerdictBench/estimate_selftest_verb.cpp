@@ -11,13 +11,8 @@
 namespace aimwise::verbs {
 
 int runEstimateSelftest(const cli::Invocation& invocation) {
-    if (invocation.positional.empty()) cli::fail("usage: estimate-selftest <declared-task-text>");
-    EstimateExtractor::Config config;
-    try {
-        config = EstimateExtractor::Config::standard();
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    if (invocation.positional.empty()) throw cli::Failure("usage: estimate-selftest <declared-task-text>");
+    const EstimateExtractor::Config config = EstimateExtractor::Config::standard();
     HTTPSession session;
     const EstimateExtractor::Estimate estimate =
         EstimateExtractor::extract(invocation.positional.front(), DataPaths::signalsDB(), config, session);

@@ -21,7 +21,7 @@ void line(const std::string& text) {
 
 }  // namespace
 
-int runIntegrity(const cli::Invocation&) {
+int runIntegrity(const cli::Invocation& invocation) {
     namespace Guard = ModelIntegrityGuard;
     const std::string& model = ClassifierModel::defaultModel();
     LocalModelStore store(LocalModelStore::defaultModelsDirectory());
@@ -46,7 +46,7 @@ int runIntegrity(const cli::Invocation&) {
 
     Guard::Verdict verdict = Guard::evaluate(expectedPath, fileCheck, servedPath);
     line(model + ": " + Guard::describe(verdict));
-    Guard::TickDecision decision = Guard::tickDecision(model, verdict, cli::nowMs());
+    Guard::TickDecision decision = Guard::tickDecision(model, verdict, invocation.clock->wallMs());
     for (const std::string& warning : decision.warnings) line("warning: " + warning);
     if (decision.refusal) {
         line("tick would REFUSE: " + *decision.refusal);

@@ -18,14 +18,14 @@ int runJudge(const cli::Invocation& invocation) {
         invocation.positional.empty() ? std::nullopt : std::optional(invocation.positional.front());
 
     const auto signalsPath = DataPaths::signalsDB();
-    const SignalsReader signals = cli::openSignalsOrFail(signalsPath);
+    const SignalsReader signals = SignalsReader::open(signalsPath);
     const auto events = cli::readEventLogIfPresent(DataPaths::eventsLog());
     std::printf("io-layer events.jsonl: %s\n",
                 events ? (std::to_string(events->size()) + " events").c_str() : "unavailable");
     const std::optional<int64_t> asOfMs = cli::parseAsOf(asOfArgument);
 
     LazyHTTPSession session;
-    const ClassifierState state = cli::buildStateOrFail(signals, events, signalsPath, asOfMs, asOfArgument, session);
+    const ClassifierState state = cli::buildState(signals, events, signalsPath, asOfMs, asOfArgument, session);
 
     cli::printState(state);
     std::printf("\n");
@@ -43,13 +43,9 @@ int runJudge(const cli::Invocation& invocation) {
     std::printf("window_content: %s\n\n", windowContent ? windowContent->c_str() : "nil");
     std::fflush(stdout);
 
-    ClassifierService::Outcome outcome;
-    try {
-        outcome = ClassifierService::judge(state, std::nullopt, windowContent, std::nullopt, upstream, withheld,
-                                           ClassifierBackend::mainCallConfig(), session.get());
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const ClassifierService::Outcome outcome =
+        ClassifierService::judge(state, std::nullopt, windowContent, std::nullopt, upstream, withheld,
+                                 ClassifierBackend::mainCallConfig(), session.get());
     cli::logPrivacy(outcome);
     std::printf("called_model: %s\n", outcome.calledModel ? "true" : "false");
     std::printf("state:        %s\n", outcome.judgment.state.c_str());

@@ -29,7 +29,7 @@ constexpr Verb verbTable[] = {
     {"ramp", aimwise::verbs::runRamp},
     {"pyrepr-selftest", aimwise::verbs::runPyReprSelftest},
     {"estimate-selftest", aimwise::verbs::runEstimateSelftest},
-    {"ocr-selftest", aimwise::verbs::runOcrSelftest},
+    {"ocr-selftest", aimwise::verbs::runOCRSelftest},
     {"integrity", aimwise::verbs::runIntegrity},
     {"staleness", aimwise::verbs::runStaleness},
     {"energy-report", aimwise::verbs::runEnergyReport},
@@ -48,7 +48,7 @@ int main(int argc, char** argv) {
 
     if (invocation.mode) {
         for (const Verb& verb : verbTable)
-            if (*invocation.mode == verb.name) return verb.run(invocation);
+            if (*invocation.mode == verb.name) return aimwise::cli::guarded([&] { return verb.run(invocation); });
     }
     aimwise::cli::fail(aimwise::cli::usageText);
 }

@@ -4,7 +4,6 @@
 #include <exception>
 #include <fstream>
 #include <sstream>
-#include <stdexcept>
 
 #include "AimwiseCore/classifier/py_repr.h"
 #include "AimwiseCore/classifier/window_content.h"
@@ -20,7 +19,7 @@ namespace {
 
 std::string readImage(const std::string& path) {
     std::ifstream in(path, std::ios::binary);
-    if (!in) throw std::runtime_error("could not read the image file " + path);
+    if (!in) throw Error("could not read the image file " + path);
     std::ostringstream bytes;
     bytes << in.rdbuf();
     return std::move(bytes).str();
@@ -53,15 +52,15 @@ int selftest(const std::string& imagePath) {
 
 }  // namespace
 
-int runOcrSelftest(const cli::Invocation& invocation) {
-    if (invocation.positional.empty()) cli::fail("usage: ocr-selftest <image-path>");
+int runOCRSelftest(const cli::Invocation& invocation) {
+    if (invocation.positional.empty()) throw cli::Failure("usage: ocr-selftest <image-path>");
     // Nothing is caught along the way: an unreadable image or a failed description ends the
     // self-test here, with its description and a non-zero status.
     try {
         return selftest(invocation.positional.front());
-    } catch (...) {
+    } catch (const std::exception& error) {
         std::fflush(stdout);
-        std::fprintf(stderr, "ocr-selftest: unhandled error: %s\n", cli::describe(std::current_exception()).c_str());
+        std::fprintf(stderr, "ocr-selftest: unhandled error: %s\n", error.what());
         return 2;
     }
 }

@@ -16,12 +16,12 @@ int runPrompt(const cli::Invocation& invocation) {
         invocation.positional.empty() ? std::nullopt : std::optional(invocation.positional.front());
 
     const auto signalsPath = DataPaths::signalsDB();
-    const SignalsReader signals = cli::openSignalsOrFail(signalsPath);
+    const SignalsReader signals = SignalsReader::open(signalsPath);
     const auto events = cli::readEventLogIfPresent(DataPaths::eventsLog());
     const std::optional<int64_t> asOfMs = cli::parseAsOf(asOfArgument);
 
     LazyHTTPSession session;
-    const ClassifierState state = cli::buildStateOrFail(signals, events, signalsPath, asOfMs, asOfArgument, session);
+    const ClassifierState state = cli::buildState(signals, events, signalsPath, asOfMs, asOfArgument, session);
 
     const auto message =
         ClassifierPrompt::buildRedactedUserMessage(state, std::nullopt, invocation.windowContentFlag);

@@ -39,24 +39,19 @@ int runRamp(const cli::Invocation& invocation) {
             ++i;
         } else if (!atMs) {
             atMs = cli::parseInternetDateTime(argument);
-            if (!atMs) cli::fail("could not parse timestamp: " + argument);
+            if (!atMs) throw cli::Failure("could not parse timestamp: " + argument);
         } else if (!options.fps && number(fps, argument) && fps <= 120) {
             options.fps = fps;
         } else {
-            cli::fail(rampUsage);
+            throw cli::Failure(rampUsage);
         }
     }
-    if (!atMs) cli::fail(rampUsage);
-    try {
-        if (!bridge) {
-            RampVerify::runPlan(*atMs, options);
-        } else {
-            const auto store = defaultVideoArchiveKeyStore();
-            RampVerify::runBridge(*atMs, store->lookup(), processEnvironment(), options);
-        }
-    } catch (const Error& error) {
-        std::fflush(stdout);
-        cli::fail("FAIL: " + error.description());
+    if (!atMs) throw cli::Failure(rampUsage);
+    if (!bridge) {
+        RampVerify::runPlan(*atMs, options);
+    } else {
+        const auto store = defaultVideoArchiveKeyStore();
+        RampVerify::runBridge(*atMs, store->lookup(), processEnvironment(), options);
     }
     std::fflush(stdout);
     return 0;

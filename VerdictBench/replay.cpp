@@ -208,7 +208,7 @@ std::variant<Prepared, NoTick> prepare(const LabeledPoints::LabeledPoint& point,
 int run(const std::optional<std::string>& nArgument, const std::optional<std::string>& offsetArgument,
         bool fmPairedArmEnabled, bool preferBlind) {
     const auto n = integer(nArgument);
-    if (!n || *n <= 0) cli::fail(usageText);
+    if (!n || *n <= 0) throw cli::Failure(usageText);
     const int64_t offset = integer(offsetArgument).value_or(0);
 
     const fs::path root = DataPaths::dataRoot();
@@ -219,7 +219,7 @@ int run(const std::optional<std::string>& nArgument, const std::optional<std::st
     try {
         loaded = LabeledPoints::readLabeledPoints(labelsPath, *n, offset, preferBlind);
     } catch (const LabeledPoints::ReadError& error) {
-        cli::fail(error.description());
+        throw cli::Failure(error.description());
     }
     std::string opening = fmt::format("loaded {} labeled points from {}\n", loaded.points.size(), labelsPath.string());
     opening += fmt::format(
@@ -241,17 +241,12 @@ int run(const std::optional<std::string>& nArgument, const std::optional<std::st
     try {
         signals.emplace(SignalsReader::open(signalsPath));
     } catch (const SignalsReaderError& error) {
-        cli::fail("could not open signals.sqlite: " + error.description());
+        throw cli::Failure("could not open signals.sqlite: " + error.description());
     }
     const auto events = cli::readEventLogIfPresent(root / "io-layer" / "events.jsonl");
     const auto archive = FrameArchive::forDataRoot(root);
     const Sources sources{*signals, events ? &*events : nullptr, signalsPath, *archive};
-    ClassifierBackend::Config config;
-    try {
-        config = ClassifierBackend::mainCallConfig();
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const ClassifierBackend::Config config = ClassifierBackend::mainCallConfig();
     LazyHTTPSession session;
 
     Tally tally;
@@ -279,9 +274,9 @@ int run(const std::optional<std::string>& nArgument, const std::optional<std::st
             outcome = ClassifierService::judge(prepared.state, std::nullopt, prepared.windowContent, std::nullopt,
                                                RedactionReport{}, std::nullopt, config, session.get());
             localSec = secondsSince(started);
-        } catch (...) {
+        } catch (const std::exception& error) {
             ++tally.errors;
-            say(fmt::format("{} — ERROR: {}\n", head, cli::describe(std::current_exception())));
+            say(fmt::format("{} — ERROR: {}\n", head, error.what()));
             continue;
         }
         const std::string& predicted = outcome.judgment.state;

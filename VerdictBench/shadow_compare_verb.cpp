@@ -67,8 +67,8 @@ int runShadowCompare(const cli::Invocation& invocation) {
     for (const JSONValue& record : readJSONLRecords(root / "checker-log.jsonl"))
         if (auto atMs = ProjectionDateParsing::parseLocal(text(record, "at"))) checker.push_back({*atMs, text(record, "state")});
 
-    if (shadow.empty()) cli::fail("nothing to compare — run `bench run VerdictBench shadow` a few times first");
-    if (checker.empty()) cli::fail("checker-log.jsonl has no parseable records — nothing to compare against");
+    if (shadow.empty()) throw cli::Failure("nothing to compare — run `bench run VerdictBench shadow` a few times first");
+    if (checker.empty()) throw cli::Failure("checker-log.jsonl has no parseable records — nothing to compare against");
     std::stable_sort(checker.begin(), checker.end(), [](const auto& a, const auto& b) { return a.atMs < b.atMs; });
 
     int matched = 0, agreed = 0;

@@ -3,8 +3,8 @@
 #include <cstdio>
 
 #include "AimwiseCore/classifier/classifier_service.h"
-#include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/events/jsonl_append.h"
+#include "CaptureShared/common/local_time.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
 #include "VerdictBench/classifier_verb_support.h"
@@ -12,33 +12,25 @@
 
 namespace aimwise::verbs {
 
-int runShadow(const cli::Invocation&) {
+int runShadow(const cli::Invocation& invocation) {
     const auto root = DataPaths::dataRoot();
     const auto signalsPath = root / "signals.sqlite";
-    const SignalsReader signals = cli::openSignalsOrFail(signalsPath);
+    const SignalsReader signals = SignalsReader::open(signalsPath);
     const auto events = cli::readEventLogIfPresent(root / "io-layer" / "events.jsonl");
 
     LazyHTTPSession session;
-    std::optional<ClassifierState> state;
-    try {
-        state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, std::nullopt, session);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    if (!state) cli::fail("no tick data available — nothing to shadow-judge");
+    const std::optional<ClassifierState> state =
+        ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, std::nullopt, session);
+    if (!state) throw cli::Failure("no tick data available — nothing to shadow-judge");
 
     const cli::LiveWindowContent live = cli::captureLiveWindowContent(signals, session.get());
-    ClassifierService::Outcome outcome;
-    try {
-        outcome = ClassifierService::judge(*state, std::nullopt, live.content, std::nullopt, live.redactions,
-                                           live.withheld, ClassifierBackend::mainCallConfig(), session.get());
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const ClassifierService::Outcome outcome =
+        ClassifierService::judge(*state, std::nullopt, live.content, std::nullopt, live.redactions, live.withheld,
+                                 ClassifierBackend::mainCallConfig(), session.get());
     cli::logPrivacy(outcome);
 
     const auto path = root / "classifier-shadow.jsonl";
-    JSONValue::Object record{{"at", ProjectionDateParsing::formatLocal(cli::nowMs())},
+    JSONValue::Object record{{"at", LocalTime::format(invocation.clock->wallMs())},
                              {"tsMs", state->tsMs},
                              {"state", outcome.judgment.state},
                              {"confidence", outcome.judgment.confidence},
@@ -53,11 +45,11 @@ int runShadow(const cli::Invocation&) {
             std::fputs("shadow: failed to encode record\n", stderr);
             return 1;
         }
-        cli::fail("FAIL: could not append to " + path.string() + ": " + error.description() +
-                  " — the verdict was not recorded, and nothing else was written");
+        throw Error("could not append to " + path.string() + ": " + error.description() +
+                    " — the verdict was not recorded, and nothing else was written");
     } catch (const std::exception& error) {
-        cli::fail("FAIL: could not append to " + path.string() + ": " + error.what() +
-                  " — the verdict was not recorded, and nothing else was written");
+        throw Error("could not append to " + path.string() + ": " + error.what() +
+                    " — the verdict was not recorded, and nothing else was written");
     }
     std::printf("shadow verdict: %s (confidence %s, called_model %s) — appended to %s\n",
                 outcome.judgment.state.c_str(), shortestRoundTrip(outcome.judgment.confidence).c_str(),

@@ -19,19 +19,15 @@ void printLine(const std::string& line) { std::printf("%s\n", line.c_str()); }
 
 }  // namespace
 
-int runStaleness(const cli::Invocation&) {
+int runStaleness(const cli::Invocation& invocation) {
     std::optional<int64_t> latestTickMs;
-    try {
-        const SignalsReader reader = SignalsReader::open(DataPaths::signalsDB());
-        if (const auto row = reader.latestTick()) latestTickMs = row->tsMs;
-    } catch (const SignalsReaderError& error) {
-        cli::fail("FAIL: " + error.description());
-    }
+    const SignalsReader reader = SignalsReader::open(DataPaths::signalsDB());
+    if (const auto row = reader.latestTick()) latestTickMs = row->tsMs;
 
     const int64_t regimeGapSec = ClassifierCadence::Config::fromEnvironment(processEnvironment()).regimeGapSec;
     const auto cadence = ClassifierCadence::read(DataPaths::classifierCadence());
     const std::optional<int64_t> lastRanAtMs = cadence ? std::optional(cadence->lastRanAtMs) : std::nullopt;
-    const int64_t now = cli::nowMs();
+    const int64_t now = invocation.clock->wallMs();
     const SignalsStaleness::Pause pause = currentRecordingPause(now);
 
     const auto decision = SignalsStaleness::decide(pause, latestTickMs, now, lastRanAtMs,

@@ -20,7 +20,6 @@
 #include "AimwiseCore/classifier/integrity_guard.h"
 #include "AimwiseCore/classifier/live_readings.h"
 #include "AimwiseCore/classifier/tick_energy_log.h"
-#include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/events/event_log_writer.h"
 #include "AimwiseCore/events/jsonl_append.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
@@ -28,6 +27,7 @@
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/local_time.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
 #include "CaptureShared/staleness/recording_pause.h"
@@ -150,148 +150,155 @@ void discloseEndedBackoffWindow(const fs::path& dataRoot, const std::optional<st
         if (disclosed)
             std::fprintf(stderr, "disclosed ended no-disrupt window (active_backoff_until=%lld)\n",
                          static_cast<long long>(disclosed->activeBackoffUntilMs));
-    } catch (const EventLogWriterError& error) {
-        warn("warning: backoff disclosure check failed: " + error.description());
     } catch (const std::exception& error) {
         warn(std::string("warning: backoff disclosure check failed: ") + error.what());
     }
 }
 
-int runTick(const Platform& platform) {
-    const fs::path dataRoot = DataPaths::dataRoot();
-    // Writes the skip's row when the run returns without judging.
-    ClassifierTickEnergyLog::Run energy(dataRoot, {platform.batteryTelemetry});
-    const fs::path signalsPath = dataRoot / "signals.sqlite";
-    const auto events = cli::readEventLogIfPresent(dataRoot / "io-layer" / "events.jsonl");
+namespace {
 
-    discloseEndedBackoffWindow(dataRoot, events, cli::nowMs(), platform);
+// What the gates share: the tick's inputs, and what each gate leaves for the ones after it.
+struct TickRun {
+    TickRun(const Platform& platform, const Clock& clock, const fs::path& dataRoot)
+        : platform(platform),
+          clock(clock),
+          dataRoot(dataRoot),
+          signalsPath(dataRoot / "signals.sqlite"),
+          events(cli::readEventLogIfPresent(dataRoot / "io-layer" / "events.jsonl")),
+          energy(dataRoot, {platform.batteryTelemetry}, clock) {}
 
-    const SignalsReader signals = cli::openSignalsOrFail(signalsPath);
+    const Platform& platform;
+    const Clock& clock;
+    const fs::path dataRoot;
+    const fs::path signalsPath;
+    const std::optional<std::vector<EventLogEvent>> events;
+    std::optional<SignalsReader> signals;
+    Environment environment;
+    int64_t nowMs = 0;
+    std::optional<Cadence::State> cadence;
+    Cadence::Config baseConfig;
+    LazyHTTPSession session;
+    // From the state gate on.
+    std::optional<ClassifierService::StateWithoutPresence> partial;
+    std::optional<ClassifierState> state;
+    // From the power and cadence gates on.
+    Cadence::Config config;
+    Cadence::Episode episode;
+    bool away = false;
+    // From the integrity gate on.
+    ClassifierBackend::Config backendConfig;
+    // Writes the skip's row when the run ends without judging.
+    ClassifierTickEnergyLog::Run energy;
+};
 
-    const Environment environment = processEnvironment();
-    int64_t nowMs = cli::nowMs();
-    std::optional<Cadence::State> cadence = Cadence::read(DataPaths::classifierCadence());
-    const Cadence::Config baseConfig = Cadence::Config::fromEnvironment(environment);
-    const SignalsStaleness::Pause pause = currentRecordingPause(nowMs);
-    std::optional<SignalsReader::TickRow> latest;
-    try {
-        latest = signals.latestTick();
-    } catch (const SignalsReaderError& error) {
-        cli::fail("FAIL: " + error.description());
-    }
+// A gate lets the tick go on, or ends it with "skipped: " and its words.
+using Gate = std::optional<std::string>;
+constexpr std::nullopt_t proceed = std::nullopt;
 
-    // Freshness gate.
+Gate freshnessGate(TickRun& run) {
+    const std::optional<SignalsReader::TickRow> latest = run.signals->latestTick();
     const auto freshness = SignalsStaleness::decide(
-        pause, latest ? std::optional(latest->tsMs) : std::nullopt, nowMs,
-        cadence ? std::optional(cadence->lastRanAtMs) : std::nullopt, SignalsStaleness::defaultThresholdMs,
-        baseConfig.regimeGapSec);
+        currentRecordingPause(run.nowMs), latest ? std::optional(latest->tsMs) : std::nullopt, run.nowMs,
+        run.cadence ? std::optional(run.cadence->lastRanAtMs) : std::nullopt, SignalsStaleness::defaultThresholdMs,
+        run.baseConfig.regimeGapSec);
     if (const auto* stale = std::get_if<SignalsStaleness::StaleConfirmed>(&freshness)) {
         const std::string reason = SignalsStaleness::reason(stale->gapMs, stale->lastGoodTickAtMs);
         warn("signals stale: " + reason);
         try {
-            SignalsStaleNoteStore::write({stale->lastGoodTickAtMs, nowMs}, DataPaths::supportDir());
+            SignalsStaleNoteStore::write({stale->lastGoodTickAtMs, run.nowMs}, DataPaths::supportDir());
         } catch (const std::exception& error) {
             warn("signals stale: could not write " +
                  (DataPaths::supportDir() / SignalsStaleNoteStore::fileName).string() + ": " + error.what());
         }
-        heartbeat(cadence, nowMs);
-        return skipped(reason);
+        heartbeat(run.cadence, run.nowMs);
+        return reason;
     }
     if (const auto* predates = std::get_if<SignalsStaleness::PredatesPause>(&freshness)) {
         const std::string reason =
-            SignalsStaleness::reasonPredatesPause(predates->lastTickAtMs, predates->pauseStartedAtMs, nowMs);
+            SignalsStaleness::reasonPredatesPause(predates->lastTickAtMs, predates->pauseStartedAtMs, run.nowMs);
         warn("signals not current: " + reason);
-        heartbeat(cadence, nowMs);
-        return skipped(reason);
+        heartbeat(run.cadence, run.nowMs);
+        return reason;
     }
     if (std::holds_alternative<SignalsStaleness::Fresh>(freshness)) SignalsStaleNoteStore::clear(DataPaths::supportDir());
+    return proceed;
+}
 
-    // Call hold.
-    if (callHoldEnabled(environment)) {
-        const CallHoldControl control{true, CallHoldOverrideStore::read(DataPaths::callHoldOverride())};
-        const CallActivityReading reading = platform.callActivity().value_or(CallActivityReading{});
-        static const std::vector<EventLogEvent> noEvents;
-        const CallHold::Status status =
-            ClassifierCallHold::decide(events ? *events : noEvents, reading, nowMs, cadence, control);
-        if (const auto* held = std::get_if<CallHold::Held>(&status)) {
-            if (cadence) writeCadence(Cadence::heartbeatPausedForCall(nowMs, held->sinceMs, *cadence));
-            return skipped(ClassifierCallHold::skipReason);
-        }
+Gate callHoldGate(TickRun& run) {
+    if (!callHoldEnabled(run.environment)) return proceed;
+    const CallHoldControl control{true, CallHoldOverrideStore::read(DataPaths::callHoldOverride())};
+    const CallActivityReading reading = run.platform.callActivity().value_or(CallActivityReading{});
+    static const std::vector<EventLogEvent> noEvents;
+    const CallHold::Status status =
+        ClassifierCallHold::decide(run.events ? *run.events : noEvents, reading, run.nowMs, run.cadence, control);
+    if (const auto* held = std::get_if<CallHold::Held>(&status)) {
+        if (run.cadence) writeCadence(Cadence::heartbeatPausedForCall(run.nowMs, held->sinceMs, *run.cadence));
+        return ClassifierCallHold::skipReason;
     }
+    return proceed;
+}
 
-    LazyHTTPSession session;
-    std::optional<ClassifierService::StateWithoutPresence> partial;
-    try {
-        partial = ClassifierService::buildStateWithoutPresence(signals, events ? &*events : nullptr, signalsPath,
-                                                               std::nullopt, session);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    if (!partial) cli::fail("no signal data available (volume unmounted or DB empty) — skipping");
-    std::optional<ClassifierState> state = partial->state;
-
+// Never skips: without a state the tick fails.
+Gate stateGate(TickRun& run) {
+    run.partial = ClassifierService::buildStateWithoutPresence(*run.signals, run.events ? &*run.events : nullptr,
+                                                               run.signalsPath, std::nullopt, run.session);
+    if (!run.partial) throw cli::Failure("no signal data available (volume unmounted or DB empty) — skipping");
+    run.state = run.partial->state;
     // The decision time: the estimate call above may have taken a while.
-    cadence = Cadence::read(DataPaths::classifierCadence());
-    nowMs = cli::nowMs();
+    run.cadence = Cadence::read(DataPaths::classifierCadence());
+    run.nowMs = run.clock.wallMs();
+    return proceed;
+}
 
-    // Power policy.
+Gate powerGate(TickRun& run) {
     std::optional<ClassifierPowerPolicy::PowerSnapshot> power;
-    if (ClassifierPowerPolicy::needsLiveReading(environment)) power = platform.powerSnapshot();
-    if (cadence && power && ClassifierPowerPolicy::mustSkip(*power, environment)) {
-        Cadence::State paused = *cadence;
-        paused.lastRanAtMs = nowMs;
+    if (ClassifierPowerPolicy::needsLiveReading(run.environment)) power = run.platform.powerSnapshot();
+    if (run.cadence && power && ClassifierPowerPolicy::mustSkip(*power, run.environment)) {
+        Cadence::State paused = *run.cadence;
+        paused.lastRanAtMs = run.nowMs;
         paused.pausedForPower = true;
         paused.callHoldSinceMs.reset();
         writeCadence(paused);
-        return skipped(ClassifierPowerPolicy::pauseReason);
+        return ClassifierPowerPolicy::pauseReason;
     }
     const bool onBattery = power && ClassifierPowerPolicy::isOnBattery(*power).value_or(false);
-    const Cadence::Config config = ClassifierPowerPolicy::effectiveConfig(baseConfig, onBattery, environment);
+    run.config = ClassifierPowerPolicy::effectiveConfig(run.baseConfig, onBattery, run.environment);
+    return proceed;
+}
 
-    // Cadence.
-    Cadence::Episode episode{state->minutesSinceDeclared, state->declaredTask, std::nullopt};
-    if (state->minutesOverEstimate)
-        episode.estimateBoundaryMs = state->tsMs - static_cast<int64_t>(std::trunc(*state->minutesOverEstimate * 60000.0));
-    const bool away = state->idleAnySec && *state->idleAnySec > ClassifierService::idleAwaySec;
-    const Cadence::Decision decision =
-        Cadence::decide(nowMs, cadence, state->frontmostApp, state->frontmostWindowTitle, away, episode, config);
+Gate cadenceGate(TickRun& run) {
+    const ClassifierState& state = *run.state;
+    run.episode = Cadence::Episode{state.minutesSinceDeclared, state.declaredTask, std::nullopt};
+    if (state.minutesOverEstimate)
+        run.episode.estimateBoundaryMs =
+            state.tsMs - static_cast<int64_t>(std::trunc(*state.minutesOverEstimate * 60000.0));
+    run.away = state.idleAnySec && *state.idleAnySec > ClassifierService::idleAwaySec;
+    const Cadence::Decision decision = Cadence::decide(run.nowMs, run.cadence, state.frontmostApp,
+                                                       state.frontmostWindowTitle, run.away, run.episode, run.config);
     if (const auto* skip = std::get_if<Cadence::Skip>(&decision)) {
-        heartbeat(cadence, nowMs);
-        const int interval = cadence ? cadence->effectiveInterval(config, episode) : 0;
-        return skipped("nothing cheap changed since the last judgment (next in ~" + std::to_string(skip->dueInSec) +
-                       "s, interval " + std::to_string(interval) + "s)");
+        heartbeat(run.cadence, run.nowMs);
+        const int interval = run.cadence ? run.cadence->effectiveInterval(run.config, run.episode) : 0;
+        return "nothing cheap changed since the last judgment (next in ~" + std::to_string(skip->dueInSec) +
+               "s, interval " + std::to_string(interval) + "s)";
     }
-
     // Only a judgment needs the gap fields.
-    try {
-        state = ClassifierService::withPresence(std::move(*partial), signals);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    run.state = ClassifierService::withPresence(std::move(*run.partial), *run.signals);
+    return proceed;
+}
 
-    // Model integrity: nothing goes to a server that is not serving the verified model.
+// Nothing goes to a server that is not serving the verified model. Never skips: a refusal fails.
+Gate integrityGate(TickRun& run) {
     namespace Guard = ModelIntegrityGuard;
-    ClassifierBackend::Config backendConfig;
-    EndpointURL base;
-    try {
-        backendConfig = ClassifierBackend::mainCallConfig();
-        base = LocalInferenceEndpoint::resolveOrThrow(environment);
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    const std::string& model = backendConfig.model;
+    run.backendConfig = ClassifierBackend::mainCallConfig();
+    const EndpointURL base = LocalInferenceEndpoint::resolveOrThrow(run.environment);
+    const std::string& model = run.backendConfig.model;
     const LocalModelStore store(LocalModelStore::defaultModelsDirectory());
     const std::optional<LocalModelManifest> manifest = store.manifest(model);
     std::optional<std::string> expectedPath;
     if (manifest) expectedPath = (store.modelsDirectory() / manifest->fileName).string();
-    std::string servedPath;
-    try {
-        servedPath = Guard::fetchServedModelPath(base, session.get());
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
+    const std::string servedPath = Guard::fetchServedModelPath(base, run.session.get());
     const Guard::TickDecision integrity = Guard::tickDecision(
-        model, Guard::evaluate(expectedPath, Guard::integrityFileCheck(manifest, store), servedPath), nowMs);
+        model, Guard::evaluate(expectedPath, Guard::integrityFileCheck(manifest, store), servedPath), run.nowMs);
     for (const auto& warning : integrity.warnings) warn(warning);
     const fs::path refusalNote = Guard::refusalNotePath();
     if (integrity.refusal) {
@@ -306,54 +313,60 @@ int runTick(const Platform& platform) {
         } else {
             Guard::clearRefusalNote(refusalNote);
         }
-        cli::fail(*integrity.refusal);
+        throw cli::Failure(*integrity.refusal);
     }
     Guard::clearRefusalNote(refusalNote);
+    return proceed;
+}
 
-    // The judgment.
-    const int64_t startMs = cli::nowMs();
-    const auto before = platform.batteryTelemetry();
-    const cli::LiveWindowContent capture = platform.captureWindowContent(signals, session.get());
-    const auto instructions = classifierInstructions(dataRoot);
-
+struct Judgment {
+    int64_t startMs = 0, endMs = 0;
+    std::optional<PowerSource::BatteryReading> before, after;
+    cli::LiveWindowContent capture;
     ClassifierService::Outcome outcome;
-    try {
-        outcome = ClassifierService::judge(*state, std::nullopt, capture.content, instructions, capture.redactions,
-                                           capture.withheld, backendConfig, session.get());
-    } catch (...) {
-        cli::fail("FAIL: " + cli::describe(std::current_exception()));
-    }
-    cli::logPrivacy(outcome);
+};
 
-    const int64_t endMs = cli::nowMs();
-    const auto after = platform.batteryTelemetry();
-    const std::string at = ProjectionDateParsing::formatLocal(cli::nowMs());
+// A failed model call throws from here, before anything is recorded.
+Judgment judge(TickRun& run) {
+    Judgment judgment;
+    judgment.startMs = run.clock.wallMs();
+    judgment.before = run.platform.batteryTelemetry();
+    judgment.capture = run.platform.captureWindowContent(*run.signals, run.session.get());
+    const auto instructions = classifierInstructions(run.dataRoot);
+    judgment.outcome = ClassifierService::judge(*run.state, std::nullopt, judgment.capture.content, instructions,
+                                                judgment.capture.redactions, judgment.capture.withheld,
+                                                run.backendConfig, run.session.get());
+    cli::logPrivacy(judgment.outcome);
+    judgment.endMs = run.clock.wallMs();
+    judgment.after = run.platform.batteryTelemetry();
+    return judgment;
+}
 
-    const ClassifierTick tick = ClassifierService::loggedTick(at, outcome, capture.screenshotAtMs, model);
-    appendClassifierTick(tick, dataRoot / "checker-log.jsonl");
-    writeCadence(Cadence::advanced(cadence, nowMs, outcome.judgment.state, state->frontmostApp,
-                                   state->frontmostWindowTitle, away, episode, config));
+// The verdict first: the logs after it are worth less than the verdict, and their failures only warn.
+void record(TickRun& run, const Judgment& judgment) {
+    const std::string& model = run.backendConfig.model;
+    const std::string at = LocalTime::format(run.clock.wallMs());
+    const ClassifierTick tick = ClassifierService::loggedTick(at, judgment.outcome, judgment.capture.screenshotAtMs, model);
+    appendClassifierTick(tick, run.dataRoot / "checker-log.jsonl");
+    writeCadence(Cadence::advanced(run.cadence, run.nowMs, judgment.outcome.judgment.state, run.state->frontmostApp,
+                                   run.state->frontmostWindowTitle, run.away, run.episode, run.config));
 
-    const int64_t atMs = tick.atMs().value_or(cli::nowMs());
-    if (capture.content) {
+    const int64_t atMs = tick.atMs().value_or(run.clock.wallMs());
+    if (judgment.capture.content) {
         JSONValue::Object row{{"v", 1},
                               {"atMs", atMs},
-                              {"describe", capture.description},
-                              {"ocrChars", capture.ocrChars},
+                              {"describe", judgment.capture.description},
+                              {"ocrChars", judgment.capture.ocrChars},
                               {"model", model}};
-        if (capture.screenshotAtMs) row["screenshotAtMs"] = *capture.screenshotAtMs;
+        if (judgment.capture.screenshotAtMs) row["screenshotAtMs"] = *judgment.capture.screenshotAtMs;
         try {
-            JSONLAppend::append(row, dataRoot / describeLogFileName);
-        } catch (const EventLogWriterError& error) {
-            warn("describe log append failed (tick was still written): " + error.description());
+            JSONLAppend::append(row, run.dataRoot / describeLogFileName);
         } catch (const std::exception& error) {
             warn(std::string("describe log append failed (tick was still written): ") + error.what());
         }
     }
     try {
-        energy.judged({atMs, startMs, endMs, model, before, after});
-    } catch (const EventLogWriterError& error) {
-        warn("tick energy log append failed (tick was still written): " + error.description());
+        run.energy.judged({atMs, judgment.startMs, judgment.endMs, model, judgment.before, judgment.after});
     } catch (const std::exception& error) {
         warn(std::string("tick energy log append failed (tick was still written): ") + error.what());
     }
@@ -364,6 +377,29 @@ int runTick(const Platform& platform) {
         // Already reported by appendClassifierTick.
     }
     std::fflush(stdout);
+}
+
+}  // namespace
+
+int runTick(const Platform& platform, const Clock& clock) {
+    TickRun run(platform, clock, DataPaths::dataRoot());
+    discloseEndedBackoffWindow(run.dataRoot, run.events, clock.wallMs(), platform);
+    run.signals.emplace(SignalsReader::open(run.signalsPath));
+    run.environment = processEnvironment();
+    run.nowMs = clock.wallMs();
+    run.cadence = Cadence::read(DataPaths::classifierCadence());
+    run.baseConfig = Cadence::Config::fromEnvironment(run.environment);
+
+    // Cheapest first, and nothing that costs power or reaches the model server before a gate that
+    // could make it pointless: the freshness and call gates read files and one probe; the state
+    // gate may ask the model for an estimate, and it dates the decision; power and cadence decide
+    // from that state; the integrity check talks to the server only for a tick that will judge.
+    constexpr Gate (*gates[])(TickRun&) = {freshnessGate, callHoldGate, stateGate,
+                                           powerGate,     cadenceGate,  integrityGate};
+    for (const auto gate : gates)
+        if (const Gate skip = gate(run)) return skipped(*skip);
+
+    record(run, judge(run));
     return 0;
 }
 

@@ -11,6 +11,7 @@
 #include "AimwiseCore/classifier/power_policy.h"
 #include "AimwiseCore/events/classifier_tick.h"
 #include "AimwiseCore/events/event_log_event.h"
+#include "CaptureShared/common/clock.h"
 #include "VerdictBench/classifier_verb_support.h"
 #include "platform/power_source.h"
 
@@ -36,8 +37,8 @@ struct Platform {
 // stuck on a model call never blocks the next interval.
 void armTickWatchdog(double ceilingSec);
 
-// Returns 0 on every path that does not end through cli::fail.
-int runTick(const Platform& platform);
+// Returns 0 on every path that does not throw; a refusal or a missing state is a cli::Failure.
+int runTick(const Platform& platform, const Clock& clock);
 
 // One line in the encoder's key order; failures after encoding are dropped in silence, since the
 // verdict has already been made.

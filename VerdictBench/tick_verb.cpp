@@ -5,9 +5,9 @@
 
 namespace aimwise::verbs {
 
-int runTickVerb(const cli::Invocation&) {
+int runTickVerb(const cli::Invocation& invocation) {
     tick::armTickWatchdog(cli::tickWatchdogCeilingSec);
-    return tick::runTick(tick::Platform::live());
+    return tick::runTick(tick::Platform::live(), *invocation.clock);
 }
 
 }  // namespace aimwise::verbs

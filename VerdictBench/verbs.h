@@ -8,7 +8,7 @@ int runJudge(const cli::Invocation& invocation);
 int runPrompt(const cli::Invocation& invocation);
 int runTickVerb(const cli::Invocation& invocation);
 int runEstimateSelftest(const cli::Invocation& invocation);
-int runOcrSelftest(const cli::Invocation& invocation);
+int runOCRSelftest(const cli::Invocation& invocation);
 int runPyReprSelftest(const cli::Invocation& invocation);
 int runIntegrity(const cli::Invocation& invocation);
 int runStaleness(const cli::Invocation& invocation);

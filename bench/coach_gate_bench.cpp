@@ -17,6 +17,7 @@
 #include "AimwiseCore/coach/gate_screen_text.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/events/event_log_reader.h"
+#include "CaptureShared/common/local_time.h"
 #include "CaptureShared/signals/schema.h"
 #include "CaptureShared/signals/sqlite_db.h"
 
@@ -63,7 +64,7 @@ std::string eventLine(int64_t ts, int index) {
 
 std::string tickLine(int64_t ms, int index) {
     const int run = index / 20;  // a verdict holds about ten minutes
-    ClassifierTick tick{.at = ProjectionDateParsing::formatLocal(ms),
+    ClassifierTick tick{.at = LocalTime::format(ms),
                         .state = states[run % 4],
                         .frontmostApp = apps[run % 6],
                         .frontmostWindowTitle = "thesis-draft-" + std::to_string(run) + ".tex — \"chapter\" " + std::to_string(run % 7),

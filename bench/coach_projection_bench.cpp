@@ -18,6 +18,7 @@
 #include "AimwiseCore/coach/gate_screen_text.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/events/event_log_reader.h"
+#include "CaptureShared/common/local_time.h"
 
 namespace {
 
@@ -82,7 +83,7 @@ std::string eventLine(int64_t ts, int index) {
 
 std::string tickLine(int64_t ms, int index) {
     const int run = index / 20;  // a verdict holds about ten minutes
-    ClassifierTick tick{.at = ProjectionDateParsing::formatLocal(ms),
+    ClassifierTick tick{.at = LocalTime::format(ms),
                         .state = states[run % 5],
                         .frontmostApp = apps[run % 6],
                         .frontmostWindowTitle = "thesis-draft-" + std::to_string(run % 50) + ".tex",

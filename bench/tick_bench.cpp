@@ -7,6 +7,8 @@
 // context above the results): a probe process that loads one library against one that loads none.
 //
 // AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there to run a tick by hand.
+// AIMWISE_TICK_BENCH_BASELINE, when set, names another VerdictBench (an earlier build) whose skipping
+// tick BM_BaselineTickThatSkips runs in the same run, for a ratio.
 #include <benchmark/benchmark.h>
 #include <fcntl.h>
 #include <stdlib.h>
@@ -19,6 +21,7 @@
 #include <vector>
 
 #include "AimwiseCore/classifier/cadence.h"
+#include "CaptureShared/common/clock.h"
 #include "bench/child_process.h"
 #include "bench/instant_model_server.h"
 #include "CaptureShared/signals/schema.h"
@@ -29,11 +32,6 @@ extern char** environ;
 namespace {
 
 namespace fs = std::filesystem;
-
-int64_t wallClockMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 // A day of capture ending now, with a declared task whose estimate is cached.
 struct DataRoot {
@@ -54,7 +52,7 @@ struct DataRoot {
         fs::create_directories(root() / "io-layer");
         aimwise::SQLiteDB db = aimwise::SQLiteDB::open(root() / "signals.sqlite");
         aimwise::Schema::createAll(db);
-        const int64_t now = wallClockMs();
+        const int64_t now = aimwise::Clock::system().wallMs();
         db.exec("BEGIN");
         for (int64_t ts = now - 86'400'000; ts < now; ts += 1'500)
             db.insert("INSERT INTO ticks (ts_ms, frontmost_app, idle_any_sec, declared_task) VALUES (?, ?, ?, ?)",
@@ -74,7 +72,7 @@ struct DataRoot {
     // A row of this instant in the front window that the cadence last judged a moment ago.
     void freshRowJudgedJustNow() const {
         aimwise::SQLiteDB db = aimwise::SQLiteDB::open(root() / "signals.sqlite");
-        const int64_t now = wallClockMs();
+        const int64_t now = aimwise::Clock::system().wallMs();
         db.insert("INSERT INTO ticks (ts_ms, frontmost_app, idle_any_sec, declared_task) VALUES (?, ?, ?, ?)",
                   {now, "Editor", 2.0, "write the quarterly report"});
         aimwise::ClassifierCadence::State state;
@@ -124,15 +122,24 @@ private:
     double rssKiB_ = 0;
 };
 
-void BM_TickThatSkips(benchmark::State& state) {
+void skippingTicks(benchmark::State& state, const std::string& program) {
     const auto environment = tickEnvironment("http://127.0.0.1:9");  // a skip must never reach it
     Costs costs(state);
     for (auto _ : state) {
         dataRoot().freshRowJudgedJustNow();
-        costs.add(runChild({verdictBench(), "tick"}, environment));
+        costs.add(runChild({program, "tick"}, environment));
     }
 }
+
+void BM_TickThatSkips(benchmark::State& state) { skippingTicks(state, verdictBench()); }
 BENCHMARK(BM_TickThatSkips)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
+
+void BM_BaselineTickThatSkips(benchmark::State& state) {
+    const char* baseline = std::getenv("AIMWISE_TICK_BENCH_BASELINE");
+    if (!baseline || !*baseline) return state.SkipWithError("AIMWISE_TICK_BENCH_BASELINE is not set");
+    skippingTicks(state, baseline);
+}
+BENCHMARK(BM_BaselineTickThatSkips)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
 
 void BM_TickThatJudgesWithAnInstantServer(benchmark::State& state) {
     aimwise::bench::InstantModelServer server;

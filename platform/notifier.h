@@ -3,10 +3,12 @@
 #include <stdexcept>
 #include <string>
 
+#include "CaptureShared/common/error.h"
+
 namespace aimwise::Notifier {
 
-struct LaunchError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct LaunchError : Error {
+    using Error::Error;
 };
 
 // `notify-send` with the title and the message as its two arguments, waited on for at most ten

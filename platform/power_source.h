@@ -33,9 +33,24 @@ struct BatteryReading {
     bool operator==(const BatteryReading&) const = default;
 };
 
+// What the capture agent's `ticks` row records of the supplies. A machine without a battery, or a
+// driver that lacks a field, leaves that column NULL.
+struct TickColumns {
+    std::optional<int64_t> batteryPct;
+    std::optional<bool> acPlugged;
+    std::optional<int64_t> voltageMv;
+    // Negative while discharging, as the battery telemetry columns expect.
+    std::optional<int64_t> instantAmperageMa;
+    std::optional<int64_t> fullChargeCapacityMah;
+    bool operator==(const TickColumns&) const = default;
+};
+
 // Unknown fields when the root holds no supply of that kind, as on a desktop or in a container.
 Snapshot read(const std::filesystem::path& root = sysfsRoot);
 // Nothing without a battery.
 std::optional<BatteryReading> readBattery(const std::filesystem::path& root = sysfsRoot);
+// The battery's counters and the charger's word, as the `ticks` columns hold them.
+TickColumns tickColumns(const Snapshot& snapshot, const std::optional<BatteryReading>& battery);
+TickColumns readTickColumns(const std::filesystem::path& root = sysfsRoot);
 
 }  // namespace aimwise::PowerSource

@@ -1,6 +1,7 @@
 #include "AimwiseCore/classifier/classifier_backend.h"
 
 #include "AimwiseCore/classifier/classifier_model.h"
+#include "AimwiseCore/models/chat_json.h"
 #include "AimwiseCore/models/local_inference_wire.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/common/utf8.h"
@@ -13,6 +14,19 @@ HTTPSession& LazyHTTPSession::get() {
 }
 
 namespace ClassifierBackend {
+
+namespace {
+
+// The assistant text parsed as a JSON object. Throws ModelBackendError::invalidResponse.
+ChatJSON contentObject(std::string_view data) {
+    const std::string text = LocalInferenceWire::content(data);
+    ChatJSON object = ChatJSON::parse(text, nullptr, false);
+    if (object.is_discarded() || !object.is_object())
+        throw ModelBackendError::invalidResponse("message.content was not valid JSON: " + utf8::prefix(text, 200));
+    return object;
+}
+
+}  // namespace
 
 Config mainCallConfig() {
     return Config{LocalInferenceWire::chatCompletionsURL(), ClassifierModel::defaultModel(), mainCallNumPredict,
@@ -48,14 +62,6 @@ std::string post(const std::string& system, const std::string& user, const Confi
     request.body = buildRequestBody(system, user, config);
     request.timeoutSec = config.timeout;
     return LocalInferenceWire::send(request, session).body;
-}
-
-ChatJSON contentObject(std::string_view data) {
-    const std::string text = LocalInferenceWire::content(data);
-    ChatJSON object = ChatJSON::parse(text, nullptr, false);
-    if (object.is_discarded() || !object.is_object())
-        throw ModelBackendError::invalidResponse("message.content was not valid JSON: " + utf8::prefix(text, 200));
-    return object;
 }
 
 ClassifierJudgment parseJudgment(std::string_view data) {

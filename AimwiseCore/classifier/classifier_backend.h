@@ -5,7 +5,6 @@
 #include <string_view>
 
 #include "AimwiseCore/classifier/classifier_state.h"
-#include "AimwiseCore/models/chat_json.h"
 #include "AimwiseCore/models/endpoint_url.h"
 #include "AimwiseCore/models/http_session.h"
 
@@ -47,8 +46,6 @@ std::string buildRequestBody(const std::string& system, const std::string& user,
 // The response body. Throws ModelBackendError.
 std::string post(const std::string& system, const std::string& user, const Config& config, HTTPSession& session);
 
-// The assistant text parsed as a JSON object. Throws ModelBackendError::invalidResponse.
-ChatJSON contentObject(std::string_view data);
 // Missing or mistyped keys give empty text or 0.0: `{}` is a valid reply.
 ClassifierJudgment parseJudgment(std::string_view data);
 

@@ -14,11 +14,6 @@
 
 namespace aimwise {
 
-std::string EstimateExtractorError::description() const {
-    if (kind == Kind::httpError) return "http error " + std::to_string(status) + ": " + text;
-    return text;
-}
-
 namespace EstimateExtractor {
 
 const std::string systemPrompt =

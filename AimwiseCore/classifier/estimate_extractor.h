@@ -8,15 +8,20 @@
 
 #include "AimwiseCore/models/endpoint_url.h"
 #include "AimwiseCore/models/http_session.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
-struct EstimateExtractorError {
+struct EstimateExtractorError : Error {
     enum class Kind { httpError, invalidResponse };
+    EstimateExtractorError(Kind kind, int status, std::string text)
+        : Error(kind == Kind::httpError ? "http error " + std::to_string(status) + ": " + text : text),
+          kind(kind),
+          status(status),
+          text(std::move(text)) {}
     Kind kind = Kind::invalidResponse;
     int status = 0;    // httpError
     std::string text;  // the body for httpError, the reason for invalidResponse
-    std::string description() const;
 };
 
 namespace EstimateExtractor {

@@ -230,7 +230,7 @@ std::optional<RefusalNote> readRefusalNote(const std::filesystem::path& from) {
     auto at = value.find("at");
     if (at == value.end()) return std::nullopt;
     if (at->is_string()) {
-        std::optional<int64_t> ms = IsoDate::parse(at->get<std::string>());
+        std::optional<int64_t> ms = ISODate::parse(at->get<std::string>());
         if (!ms) return std::nullopt;
         note.atMs = *ms;
     } else if (at->is_number()) {

@@ -9,6 +9,7 @@
 
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "CaptureShared/common/iso_date.h"
+#include "CaptureShared/common/local_time.h"
 
 namespace aimwise {
 
@@ -146,12 +147,12 @@ int64_t LabelsWriter::insert(const Row& row) {
 namespace LabelTimes {
 
 std::string createdAt(int64_t nowMs) {
-    const std::string seconds = IsoDate::format(nowMs);  // "...:07Z"
+    const std::string seconds = ISODate::format(nowMs);  // "...:07Z"
     const int64_t millis = ((nowMs % 1000) + 1000) % 1000;
     return fmt::format("{}.{:03}Z", seconds.substr(0, seconds.size() - 1), millis);
 }
 
-std::string sourceHour(int64_t momentMs) { return ProjectionDateParsing::formatLocal(momentMs).substr(0, 13); }
+std::string sourceHour(int64_t momentMs) { return LocalTime::format(momentMs).substr(0, 13); }
 
 }  // namespace LabelTimes
 

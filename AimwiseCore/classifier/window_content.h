@@ -13,6 +13,7 @@
 #include "AimwiseCore/classifier/content_withheld_reason.h"
 #include "AimwiseCore/models/endpoint_url.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/error.h"
 #include "platform/on_screen_windows.h"
 #include "platform/screen_rect.h"
 
@@ -81,29 +82,21 @@ inline constexpr double captureTimeoutSec = 10.0;
 inline constexpr double recognitionTimeoutSec = 10.0;
 inline constexpr double describeTimeoutSec = 60.0;
 
-class ReaderError : public std::exception {
+class ReaderError : public Error {
 public:
     enum class Kind { responseShape };
     static ReaderError responseShape(std::string text) { return ReaderError(Kind::responseShape, std::move(text)); }
     Kind kind() const { return kind_; }
-    const std::string& description() const { return text_; }
-    const char* what() const noexcept override { return text_.c_str(); }
 
 private:
-    ReaderError(Kind kind, std::string text) : kind_(kind), text_(std::move(text)) {}
+    ReaderError(Kind kind, std::string text) : Error(std::move(text)), kind_(kind) {}
     Kind kind_;
-    std::string text_;
 };
 
 // The screenshot could not be taken or was not written.
-class CaptureError : public std::exception {
+class CaptureError : public Error {
 public:
-    explicit CaptureError(std::string text) : text_(std::move(text)) {}
-    const std::string& description() const { return text_; }
-    const char* what() const noexcept override { return text_.c_str(); }
-
-private:
-    std::string text_;
+    using Error::Error;
 };
 
 // A PNG in a private directory (0700, file 0600) of the temporary directory; both go with the object.

@@ -7,6 +7,7 @@
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/coach/projection_time_text.h"
 #include "AimwiseCore/privacy/screen_text.h"
+#include "CaptureShared/common/local_time.h"
 #include "CaptureShared/common/text.h"
 
 namespace aimwise::MedsCheckins {
@@ -33,11 +34,11 @@ bool isClockTime(const std::string& text) {
 
 // Yesterday's and today's local dates as "yyyy-MM-dd".
 std::vector<std::string> recentDates(int64_t asOfMs) {
-    const std::string today = ProjectionDateParsing::formatLocal(asOfMs);
+    const std::string today = LocalTime::format(asOfMs);
     if (today.size() < 10) return {};
     const auto noon = ProjectionDateParsing::parseLocal(today.substr(0, 10) + "T12:00:00");
     if (!noon) return {today.substr(0, 10)};
-    return {ProjectionDateParsing::formatLocal(*noon - 86'400'000).substr(0, 10), today.substr(0, 10)};
+    return {LocalTime::format(*noon - 86'400'000).substr(0, 10), today.substr(0, 10)};
 }
 
 }  // namespace

@@ -1,14 +1,9 @@
 #include "AimwiseCore/coach/projection_date_parsing.h"
 
-#include <unicode/locid.h>
-#include <unicode/smpdtfmt.h>
-#include <unicode/timezone.h>
-#include <unicode/unistr.h>
-
 #include <chrono>
-#include <cmath>
 #include <cstdio>
-#include <memory>
+
+#include "CaptureShared/common/local_time.h"
 
 namespace aimwise {
 
@@ -42,41 +37,11 @@ namespace ProjectionDateParsing {
 namespace {
 
 constexpr size_t maxDateLength = 64;
-constexpr const char16_t* pattern = u"yyyy-MM-dd'T'HH:mm:ss";
-
-// Building an ICU formatter costs far more than a parse, so each thread keeps one, following the
-// default zone if it is changed.
-icu::SimpleDateFormat* formatter() {
-    thread_local std::unique_ptr<icu::SimpleDateFormat> cached;
-    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
-    if (!cached) {
-        UErrorCode status = U_ZERO_ERROR;
-        auto made = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(pattern),
-                                                            icu::Locale("en_US_POSIX"), status);
-        if (U_FAILURE(status)) return nullptr;
-        made->setLenient(false);
-        cached = std::move(made);
-    }
-    if (zone && cached->getTimeZone() != *zone) cached->adoptTimeZone(zone.release());
-    return cached.get();
-}
 
 }  // namespace
 
 std::optional<int64_t> parseLocalUncached(std::string_view text) {
-    // Every character of the format is ASCII; anything else cannot be a match, and checking first
-    // keeps bytes that are not UTF-8 away from ICU.
-    if (text.size() > maxDateLength) return std::nullopt;
-    for (const char c : text)
-        if (static_cast<unsigned char>(c) >= 0x80) return std::nullopt;
-    auto* format = formatter();
-    if (!format) return std::nullopt;
-    const icu::UnicodeString input = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
-    icu::ParsePosition position(0);
-    const UDate date = format->parse(input, position);
-    if (position.getErrorIndex() >= 0 || position.getIndex() != input.length()) return std::nullopt;
-    if (!std::isfinite(date)) return std::nullopt;
-    return static_cast<int64_t>(std::llround(date));
+    return LocalTime::parse(text);
 }
 
 namespace {
@@ -151,16 +116,7 @@ std::vector<std::optional<int64_t>> parseLocalMany(std::span<const std::string_v
 std::optional<int64_t> parseLocal(std::string_view text) {
     // A text this long cannot be a date; keeping it out spares the memo hostile megabyte keys.
     if (text.size() > maxDateLength) return std::nullopt;
-    return DateParseMemo::shared().value(text, parseLocalUncached); }
-
-std::string formatLocal(int64_t ms) {
-    auto* format = formatter();
-    if (!format) return {};
-    icu::UnicodeString out;
-    format->format(static_cast<UDate>(ms), out);
-    std::string utf8;
-    out.toUTF8String(utf8);
-    return utf8;
+    return DateParseMemo::shared().value(text, parseLocalUncached);
 }
 
 }  // namespace ProjectionDateParsing

@@ -1,6 +1,6 @@
 #pragma once
 // The one parser of classifier times: local wall-clock text "yyyy-MM-dd'T'HH:mm:ss" in the current
-// time zone. The projection re-reads the whole retained classifier log every turn, so parses are
+// time zone (CaptureShared/common/local_time.h), memoised. The projection re-reads the whole retained classifier log every turn, so parses are
 // memoised process-wide, failures included.
 #include <cstddef>
 #include <cstdint>
@@ -50,8 +50,6 @@ std::optional<int64_t> parseLocalUncached(std::string_view text);
 // once per process) plus its minutes and seconds, unless that hour is not a plain sixty minutes (a
 // change of daylight saving); those texts, and any other, go through parseLocal itself.
 std::vector<std::optional<int64_t>> parseLocalMany(std::span<const std::string_view> texts);
-// The same format, to the second.
-std::string formatLocal(int64_t ms);
 
 }  // namespace ProjectionDateParsing
 

@@ -9,6 +9,7 @@
 #include <unordered_map>
 
 #include "AimwiseCore/coach/projection_date_parsing.h"
+#include "CaptureShared/common/local_time.h"
 
 namespace aimwise::ProjectionTimeText {
 
@@ -80,12 +81,12 @@ constexpr int64_t hourMs = 3'600'000;
 int64_t nextMorningMs(int64_t ms) {
     // Local noons are a day apart give or take an hour, so they walk through the dates honestly even
     // across a change of daylight saving.
-    const std::string today = ProjectionDateParsing::formatLocal(ms);
+    const std::string today = LocalTime::format(ms);
     const auto noon = today.size() >= 10 ? ProjectionDateParsing::parseLocal(today.substr(0, 10) + "T12:00:00")
                                          : std::nullopt;
     if (!noon) return ms + 12 * hourMs;
     for (int day = 0; day < 3; ++day) {
-        const std::string date = ProjectionDateParsing::formatLocal(*noon + day * 24 * hourMs).substr(0, 10);
+        const std::string date = LocalTime::format(*noon + day * 24 * hourMs).substr(0, 10);
         const auto morning = ProjectionDateParsing::parseLocal(date + "T06:00:00");
         if (morning && *morning > ms + 2 * hourMs) return *morning;
     }

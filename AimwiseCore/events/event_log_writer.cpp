@@ -8,7 +8,10 @@
 
 namespace aimwise {
 
-std::string EventLogWriterError::description() const {
+namespace {
+
+std::string describeAppend(EventLogWriterError::Kind kind, int error, int64_t expected, int64_t actual) {
+    using Kind = EventLogWriterError::Kind;
     switch (kind) {
         case Kind::openFailed: return "could not open file for append: errno " + std::to_string(error);
         case Kind::shortWrite:
@@ -17,6 +20,15 @@ std::string EventLogWriterError::description() const {
     }
     return "";
 }
+
+}  // namespace
+
+EventLogWriterError::EventLogWriterError(Kind kind, int error, int64_t expected, int64_t actual)
+    : Error(describeAppend(kind, error, expected, actual)),
+      kind(kind),
+      error(error),
+      expected(expected),
+      actual(actual) {}
 
 namespace EventLogWriter {
 

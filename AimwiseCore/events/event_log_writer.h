@@ -8,16 +8,17 @@
 #include <vector>
 
 #include "AimwiseCore/events/event_log_event.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
-struct EventLogWriterError {
+struct EventLogWriterError : Error {
     enum class Kind { openFailed, shortWrite, encodingFailed };
+    explicit EventLogWriterError(Kind kind, int error = 0, int64_t expected = 0, int64_t actual = 0);
     Kind kind;
     int error = 0;         // openFailed: errno
     int64_t expected = 0;  // shortWrite
     int64_t actual = 0;    // shortWrite
-    std::string description() const;
 };
 
 namespace EventLogWriter {

@@ -10,10 +10,12 @@
 #include <variant>
 #include <vector>
 
+#include "CaptureShared/common/error.h"
+
 namespace aimwise {
 
-struct JSONValueError : std::runtime_error {
-    using std::runtime_error::runtime_error;
+struct JSONValueError : Error {
+    using Error::Error;
 };
 
 struct JSONValue {

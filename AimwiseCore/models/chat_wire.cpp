@@ -44,7 +44,7 @@ ChatJSON toWire(const JSONValue& value) {
         }
         ChatJSON operator()(const std::string& text) const { return text; }
         ChatJSON operator()(double number) const {
-            if (!std::isfinite(number)) throw std::invalid_argument("a JSON number must be finite");
+            if (!std::isfinite(number)) throw JSONValueError("a JSON number must be finite");
             if (number == std::trunc(number) && std::fabs(number) < 9007199254740992.0)
                 return static_cast<int64_t>(number);
             return number;

@@ -29,7 +29,7 @@ std::string callID(size_t messageIndex, size_t callIndex);
 std::string serializeArguments(const JSONValue& arguments);
 
 // Between the system's JSON values and the wire's. Integral numbers below 2^53 go out without a
-// fraction. toWire throws std::invalid_argument for a number that is not finite.
+// fraction. toWire throws JSONValueError for a number that is not finite.
 ChatJSON toWire(const JSONValue& value);
 JSONValue fromWire(const ChatJSON& value);
 

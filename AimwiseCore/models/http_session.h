@@ -10,6 +10,7 @@
 #include <vector>
 
 #include "AimwiseCore/models/endpoint_url.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
@@ -34,17 +35,14 @@ struct HTTPResponse {
 };
 
 // No HTTP reply came back: refused connection, a timeout, a connection cut mid-body.
-class HTTPTransportFailure : public std::exception {
+class HTTPTransportFailure : public Error {
 public:
     enum class Cause { other, timedOut };
     explicit HTTPTransportFailure(std::string description, Cause cause = Cause::other)
-        : description_(std::move(description)), cause_(cause) {}
-    const std::string& description() const { return description_; }
+        : Error(std::move(description)), cause_(cause) {}
     bool timedOut() const { return cause_ == Cause::timedOut; }
-    const char* what() const noexcept override { return description_.c_str(); }
 
 private:
-    std::string description_;
     Cause cause_;
 };
 

@@ -38,9 +38,7 @@ std::string continuation(ResolutionError::Kind kind) {
 }  // namespace
 
 ResolutionError::ResolutionError(Kind kind, std::string value)
-    : kind_(kind),
-      value_(std::move(value)),
-      description_(std::string(envVar) + "=\"" + value_ + "\"" + continuation(kind)) {}
+    : Error(std::string(envVar) + "=\"" + value + "\"" + continuation(kind)), kind_(kind), value_(std::move(value)) {}
 
 std::filesystem::path socketDirectory() { return DataPaths::supportDir() / "llama"; }
 

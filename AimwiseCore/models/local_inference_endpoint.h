@@ -7,6 +7,7 @@
 
 #include "AimwiseCore/models/endpoint_url.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
@@ -16,20 +17,17 @@ inline constexpr const char* envVar = "AIMCAP_LOCAL_INFERENCE_ENDPOINT";
 inline constexpr const char* tcpBaseURLString = "http://127.0.0.1:11477";
 inline constexpr const char* legacyOllamaBaseURLString = "http://127.0.0.1:11434";
 
-class ResolutionError : public std::exception {
+class ResolutionError : public Error {
 public:
     enum class Kind { malformed, notLoopback, notIPv4Loopback, unsupportedScheme, hasPath };
     ResolutionError(Kind kind, std::string value);
     Kind kind() const { return kind_; }
     // The trimmed value that was refused.
     const std::string& value() const { return value_; }
-    const std::string& description() const { return description_; }
-    const char* what() const noexcept override { return description_.c_str(); }
 
 private:
     Kind kind_;
     std::string value_;
-    std::string description_;
 };
 
 // <support dir>/llama and the server's socket inside it.

@@ -1,8 +1,6 @@
 #include "AimwiseCore/models/local_inference_wire.h"
 
 #include <algorithm>
-#include <chrono>
-#include <thread>
 
 #include "AimwiseCore/models/cancellation.h"
 #include "AimwiseCore/models/chat_wire.h"
@@ -11,22 +9,12 @@
 
 namespace aimwise::LocalInferenceWire {
 
-Clock Clock::system() {
-    return Clock{
-        [](double seconds) {
-            using Steady = std::chrono::steady_clock;
-            const Steady::time_point until =
-                Steady::now() + std::chrono::duration_cast<Steady::duration>(std::chrono::duration<double>(seconds));
-            while (Steady::now() < until) {
-                CancellationToken::checkCurrent();
-                Steady::duration step = std::min<Steady::duration>(std::chrono::milliseconds(20), until - Steady::now());
-                if (step > Steady::duration::zero()) std::this_thread::sleep_for(step);
-            }
-            CancellationToken::checkCurrent();
-        },
-        [] {
-            return std::chrono::duration<double>(std::chrono::steady_clock::now().time_since_epoch()).count();
-        }};
+void sleepCancellably(const Clock& clock, int64_t ms) {
+    for (int64_t left = ms; left > 0; left -= 20) {
+        CancellationToken::checkCurrent();
+        clock.sleepMs(std::min<int64_t>(20, left));
+    }
+    CancellationToken::checkCurrent();
 }
 
 EndpointURL chatCompletionsURL() {
@@ -53,7 +41,7 @@ bool isLoadingResponse(int status, std::string_view body) {
 
 HTTPResponse send(const HTTPRequest& request, HTTPSession& session, const Clock& clock) {
     requireLocalDestination(request.url);
-    const double deadline = clock.now() + request.timeoutSec;
+    const int64_t deadlineMs = clock.monotonicMs() + static_cast<int64_t>(request.timeoutSec * 1000.0);
     while (true) {
         HTTPResponse response;
         try {
@@ -62,8 +50,8 @@ HTTPResponse send(const HTTPRequest& request, HTTPSession& session, const Clock&
             throw ModelBackendError::transportError(failure.description(), failure.timedOut());
         }
         if (response.status >= 200 && response.status <= 299) return response;
-        if (isLoadingResponse(response.status, response.body) && clock.now() + 1.0 < deadline) {
-            clock.sleep(1.0);
+        if (isLoadingResponse(response.status, response.body) && clock.monotonicMs() + 1000 < deadlineMs) {
+            sleepCancellably(clock, 1000);
             continue;
         }
         throw ModelBackendError::httpError(response.status, utf8OrEmpty(response.body));

@@ -130,7 +130,7 @@ std::optional<int64_t> LocalModelBackend::contextSize(std::optional<int64_t> rep
     request.url = props;
     request.timeoutSec = 5.0;
     try {
-        HTTPResponse response = LocalInferenceWire::send(request, *session_, clock_);
+        HTTPResponse response = LocalInferenceWire::send(request, *session_, *clock_);
         ChatJSON body = ChatJSON::parse(response.body, nullptr, false);
         const ChatJSON* settings = ChatWire::member(body, "default_generation_settings");
         const ChatJSON* nCtx = settings ? ChatWire::member(*settings, "n_ctx") : nullptr;
@@ -194,7 +194,7 @@ ChatResponse LocalModelBackend::chatOnce(const std::vector<ChatMessage>& message
                                          const std::optional<std::vector<ToolSpec>>& tools,
                                          const ChatOptions& options) {
     HTTPResponse response = LocalInferenceWire::send(chatRequest(prepare(messages, tools, options, false), false),
-                                                     *session_, clock_);
+                                                     *session_, *clock_);
     try {
         return localOnly(ChatWire::parseResponse(response.body));
     } catch (ModelBackendError& error) {
@@ -208,7 +208,7 @@ ChatResponse LocalModelBackend::streamOnce(const std::vector<ChatMessage>& messa
                                            const ChatOptions& options, const StreamDeltaHandler& onDelta) {
     const HTTPRequest request = chatRequest(prepare(messages, tools, options, true), true);
     LocalInferenceWire::requireLocalDestination(request.url);
-    const double deadline = clock_.now() + request.timeoutSec;
+    const int64_t deadlineMs = clock_->monotonicMs() + static_cast<int64_t>(request.timeoutSec * 1000.0);
     while (true) {
         ChatStreamAccumulator accumulator;
         int status = 0;
@@ -245,8 +245,8 @@ ChatResponse LocalModelBackend::streamOnce(const std::vector<ChatMessage>& messa
             throw ModelBackendError::transportError(error.what());
         }
         if (status >= 200 && status <= 299) return localOnly(accumulator.finish());
-        if (LocalInferenceWire::isLoadingResponse(status, errorBody) && clock_.now() + 1.0 < deadline) {
-            clock_.sleep(1.0);
+        if (LocalInferenceWire::isLoadingResponse(status, errorBody) && clock_->monotonicMs() + 1000 < deadlineMs) {
+            LocalInferenceWire::sleepCancellably(*clock_, 1000);
             continue;
         }
         throw ModelBackendError::httpError(status, utf8OrEmpty(errorBody));

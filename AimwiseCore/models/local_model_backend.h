@@ -54,7 +54,7 @@ public:
     const LocalModelConfig& config() const { return config_; }
     // The server's context size once it is known (from an overflow error or from /props).
     std::optional<int64_t> cachedContextSize() const;
-    void setClockForTesting(LocalInferenceWire::Clock clock) { clock_ = std::move(clock); }
+    void setClockForTesting(const Clock& clock) { clock_ = &clock; }
 
 private:
     using Attempt = std::function<ChatResponse(const std::vector<ChatMessage>& messages)>;
@@ -73,7 +73,7 @@ private:
     std::optional<std::filesystem::path> dumpDirectory_;
     Log log_;
     RequestConformance::Mode conformance_;
-    LocalInferenceWire::Clock clock_ = LocalInferenceWire::Clock::system();
+    const Clock* clock_ = &Clock::system();
 
     mutable std::mutex contextMutex_;
     std::optional<int64_t> contextCache_;

@@ -19,9 +19,7 @@ std::string_view text(Rule rule) {
 }
 
 Violation::Violation(Rule rule, std::string detail)
-    : rule_(rule),
-      detail_(std::move(detail)),
-      description_("request conformance [" + std::string(text(rule_)) + "]: " + detail_) {}
+    : Error("request conformance [" + std::string(text(rule)) + "]: " + detail), rule_(rule), detail_(std::move(detail)) {}
 
 Mode mode(const Environment& environment) {
     return lookup(environment, environmentKey) ? Mode::enforced : Mode::off;

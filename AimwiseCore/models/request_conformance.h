@@ -9,6 +9,7 @@
 #include "AimwiseCore/models/chat_json.h"
 #include "AimwiseCore/models/chat_types.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
@@ -27,18 +28,15 @@ enum class Rule {
 std::string_view text(Rule rule);
 
 // Not a transport failure: never retried, never a reason to fall back.
-class Violation : public std::exception {
+class Violation : public Error {
 public:
     Violation(Rule rule, std::string detail);
     Rule rule() const { return rule_; }
     const std::string& detail() const { return detail_; }
-    const std::string& description() const { return description_; }
-    const char* what() const noexcept override { return description_.c_str(); }
 
 private:
     Rule rule_;
     std::string detail_;
-    std::string description_;
 };
 
 enum class Mode { off, enforced };

@@ -121,7 +121,7 @@ TEST(ClassifierPromptTest, WindowContentWinsOverTheWithheldNotice) {
                     .ends_with("}\n\nbe strict about email\n\nJudge it."));
 }
 
-TEST(ClassifierPromptTest, NonAsciiReachesTheModelAsEscapesInJsonButNotInWindowContent) {
+TEST(ClassifierPromptTest, NonASCIIReachesTheModelAsEscapesInJSONButNotInWindowContent) {
     ClassifierState state = writingState();
     state.frontmostApp = "Café Écrit 😀";
     state.recentApps10Min = {{"日本", 1.0}};

@@ -42,7 +42,7 @@ TEST(OrderedJSONTest, RendersNestedValuesAtTheirIndent) {
     EXPECT_EQ(value.render(1), "{\n    \"b\": [\n      1.0,\n      {},\n      []\n    ],\n    \"a\": null,\n    \"c\": -0.2\n  }");
 }
 
-TEST(OrderedJSONTest, StringsComeOutAsPureAscii) {
+TEST(OrderedJSONTest, StringsComeOutAsPureASCII) {
     EXPECT_EQ(OrderedJSON("q\"b\\s/\b\f\n\r\t\x01\x7f").render(), "\"q\\\"b\\\\s/\\b\\f\\n\\r\\t\\u0001\\u007f\"");
     EXPECT_EQ(OrderedJSON("é😀").render(), "\"\\u00e9\\ud83d\\ude00\"");
     EXPECT_EQ(OrderedJSON("bad\xff").render(), "\"bad\\ufffd\"");
@@ -76,13 +76,13 @@ TEST(LabelVocabularyTest, StatesAndLabelsReadAsPeopleSayThem) {
     EXPECT_EQ(LabelVocabulary::toneForStoredLabel("made_up"), LabelVocabulary::Tone::unknown);
 }
 
-TEST(IsoDateTest, TimestampArgumentsWithAndWithoutFraction) {
-    EXPECT_EQ(IsoDate::parse("2026-11-22T06:12:24Z"), 1795327944000);
-    EXPECT_EQ(IsoDate::parse("2026-11-22T07:12:24.250+01:00"), 1795327944250);
-    EXPECT_EQ(IsoDate::parse("2026-11-22T06:12:24.5-00:30"), 1795329744500);
+TEST(ISODateTest, TimestampArgumentsWithAndWithoutFraction) {
+    EXPECT_EQ(ISODate::parse("2026-11-22T06:12:24Z"), 1795327944000);
+    EXPECT_EQ(ISODate::parse("2026-11-22T07:12:24.250+01:00"), 1795327944250);
+    EXPECT_EQ(ISODate::parse("2026-11-22T06:12:24.5-00:30"), 1795329744500);
     for (const char* bad : {"2026-11-22", "2026-11-22T06:12:24", "2026-02-30T00:00:00Z", "2026-11-22T06:12:24.Z",
                             "2026-11-22T06:12:24Zjunk", "--window-content", ""})
-        EXPECT_EQ(IsoDate::parse(bad), std::nullopt) << bad;
+        EXPECT_EQ(ISODate::parse(bad), std::nullopt) << bad;
 }
 
 }  // namespace

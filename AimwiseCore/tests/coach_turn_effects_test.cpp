@@ -6,6 +6,7 @@
 #include "AimwiseCore/coach/coach_chat.h"
 #include "AimwiseCore/coach/coach_tools.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
+#include "CaptureShared/common/local_time.h"
 
 namespace aimwise {
 namespace {
@@ -150,7 +151,7 @@ TEST_F(EffectsTest, TheTrailingSignalIsTheNewestThingSinceTheLastDecision) {
     const auto ev = [](int64_t minute, const char* type, Object detail = {}) {
         return EventLogEvent{.tsMs = asOf + minute * 60'000, .type = type, .detail = std::move(detail)};
     };
-    const std::string drift = ProjectionDateParsing::formatLocal(asOf + 4 * 60'000);
+    const std::string drift = LocalTime::format(asOf + 4 * 60'000);
     const std::vector<ClassifierTick> ticks{{.at = drift, .state = "NOT_ALIGNED", .frontmostApp = "Firefox"}};
     using Signal = CoachTurnEffects::TrailingSignal;
     const auto signal = [&](std::vector<EventLogEvent> events, int minute) {

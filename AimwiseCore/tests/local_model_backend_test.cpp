@@ -9,6 +9,7 @@
 #include "AimwiseCore/models/local_context_fit.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "AimwiseCore/models/request_conformance.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/temp_dir.h"
 
@@ -18,18 +19,6 @@ namespace {
 using testing::ScriptedModelServer;
 using Reply = ScriptedModelServer::Reply;
 using json = nlohmann::ordered_json;
-
-struct FakeClock {
-    double now = 0;
-    std::vector<double> sleeps;
-    LocalInferenceWire::Clock clock() {
-        return {[this](double seconds) {
-                    sleeps.push_back(seconds);
-                    now += seconds;
-                },
-                [this] { return now; }};
-    }
-};
 
 std::string transportName(const ::testing::TestParamInfo<ScriptedModelServer::Transport>& info) {
     return info.param == ScriptedModelServer::Transport::tcp ? "tcp" : "unixSocket";
@@ -45,7 +34,7 @@ protected:
         auto made = std::make_unique<LocalModelBackend>(LocalModelConfig{server.chatURL(), "gemma-test", timeoutSec},
                                                         session, dumps,
                                                         [this](const std::string& line) { log.push_back(line); }, mode);
-        made->setClockForTesting(fakeClock.clock());
+        made->setClockForTesting(fakeClock);
         return made;
     }
 
@@ -73,7 +62,7 @@ protected:
 
     ScriptedModelServer server;
     std::shared_ptr<HTTPSession> session = std::make_shared<HTTPSession>();
-    FakeClock fakeClock;
+    testing::FakeClock fakeClock;
     std::vector<std::string> log;
     ChatOptions options = [] {
         ChatOptions made;
@@ -165,7 +154,7 @@ TEST_P(LocalModelBackendTest, WaitsOnceASecondWhileTheModelLoads) {
     ChatResponse response = backend(10.0)->chat(conversation, std::nullopt, options);
     EXPECT_EQ(response.text, "echo: am I on task?");
     EXPECT_EQ(server.requests("/v1/chat/completions").size(), 3u);
-    EXPECT_EQ(fakeClock.sleeps, (std::vector<double>{1.0, 1.0}));
+    EXPECT_EQ(fakeClock.totalSleptMs(), 2000);
 }
 
 TEST_P(LocalModelBackendTest, LoadingPastTheDeadlineIsTheServersError) {
@@ -187,7 +176,7 @@ TEST_P(LocalModelBackendTest, AnotherServiceUnavailableFailsAtOnce) {
     EXPECT_EQ(error.asHTTPError()->status, 503);
     EXPECT_TRUE(error.isReachabilityFailure());
     EXPECT_EQ(server.requests().size(), 1u);
-    EXPECT_TRUE(fakeClock.sleeps.empty());
+    EXPECT_EQ(fakeClock.totalSleptMs(), 0);
 }
 
 TEST_P(LocalModelBackendTest, StreamingAlsoWaitsForTheModelToLoad) {
@@ -197,7 +186,7 @@ TEST_P(LocalModelBackendTest, StreamingAlsoWaitsForTheModelToLoad) {
                                                   [&](const ModelStreamDelta& delta) { seen += delta.text; });
     EXPECT_EQ(response.text, "echo: am I on task?");
     EXPECT_EQ(seen, response.text);
-    EXPECT_EQ(fakeClock.sleeps.size(), 1u);
+    EXPECT_EQ(fakeClock.totalSleptMs(), 1000);
 }
 
 // ---- replies that are not answers ----

@@ -8,6 +8,8 @@
 #include <thread>
 #include <vector>
 
+#include "CaptureShared/common/local_time.h"
+
 namespace aimwise {
 namespace {
 
@@ -24,8 +26,8 @@ TEST_F(LocalDates, ReadsLocalWallClockTextInTheCurrentZone) {
     // 2026-07-01 is daylight time in New York (UTC-4), 2026-01-15 standard time (UTC-5).
     EXPECT_EQ(ProjectionDateParsing::parseLocal("2026-07-01T09:30:15"), 1'782'912'615'000);
     EXPECT_EQ(ProjectionDateParsing::parseLocal("2026-01-15T09:30:15"), 1'768'487'415'000);
-    EXPECT_EQ(ProjectionDateParsing::formatLocal(1'782'912'615'000), "2026-07-01T09:30:15");
-    EXPECT_EQ(ProjectionDateParsing::formatLocal(1'782'912'615'999), "2026-07-01T09:30:15");
+    EXPECT_EQ(LocalTime::format(1'782'912'615'000), "2026-07-01T09:30:15");
+    EXPECT_EQ(LocalTime::format(1'782'912'615'999), "2026-07-01T09:30:15");
 
     icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC"));
     EXPECT_EQ(ProjectionDateParsing::parseLocalUncached("2026-07-01T09:30:15"), 1'782'898'215'000)

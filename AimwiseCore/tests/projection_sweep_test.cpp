@@ -8,6 +8,7 @@
 #include "AimwiseCore/coach/coach_tools.h"
 #include "AimwiseCore/coach/coach_turn_effects.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
+#include "CaptureShared/common/local_time.h"
 
 namespace aimwise {
 namespace {
@@ -47,7 +48,7 @@ struct GeneratedDay {
         const char* apps[] = {"Code", "Firefox", "loginwindow", "Veska"};
         std::vector<ChatMessage> lastSent{ChatMessage::user("[user time=x]\nhi\n[/user]")};
         for (int64_t at = dayStart; at < dayStart + 24 * 60 * minute; at += (1 + random() % 9) * minute) {
-            ticks.push_back({.at = ProjectionDateParsing::formatLocal(at), .state = pick(states), .frontmostApp = pick(apps),
+            ticks.push_back({.at = LocalTime::format(at), .state = pick(states), .frontmostApp = pick(apps),
                              .frontmostWindowTitle = "draft.tex", .reason = "looks at the draft"});
             switch (random() % 10) {
                 case 0: case 1:

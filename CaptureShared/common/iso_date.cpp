@@ -3,7 +3,7 @@
 #include <chrono>
 #include <cstdio>
 
-namespace aimwise::IsoDate {
+namespace aimwise::ISODate {
 
 namespace {
 
@@ -80,4 +80,4 @@ std::optional<int64_t> parse(std::string_view text) {
     return seconds * 1000 + fractionMs;
 }
 
-}  // namespace aimwise::IsoDate
+}  // namespace aimwise::ISODate

@@ -9,7 +9,7 @@ SharedLibrary::SharedLibrary(const char* soname, const std::string& purpose, con
     handle_ = ::dlopen(soname, RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
         const char* reason = ::dlerror();
-        throw std::runtime_error(purpose + " is unavailable: " + soname + " could not be loaded (" +
+        throw SharedLibraryError(purpose + " is unavailable: " + soname + " could not be loaded (" +
                                  (reason ? reason : "no reason given") + "); scripts/setup installs it (package " +
                                  debianPackage + ")");
     }
@@ -22,7 +22,7 @@ void* SharedLibrary::address(const char* name) const {
     ::dlerror();
     void* found = ::dlsym(handle_, name);
     if (!found)
-        throw std::runtime_error(purpose_ + " is unavailable: " + soname_ + " has no function " + name +
+        throw SharedLibraryError(purpose_ + " is unavailable: " + soname_ + " has no function " + name +
                                  "; it is older than this program needs");
     return found;
 }

@@ -2,21 +2,26 @@
 // A shared library opened on first use instead of at process start. Linking libcurl pulls in some
 // thirty libraries and costs every process several milliseconds before main; the classifier's tick
 // usually skips without a single HTTP call, so it should not pay that.
-#include <stdexcept>
 #include <string>
+
+#include "CaptureShared/common/error.h"
 
 namespace aimwise {
 
+struct SharedLibraryError : Error {
+    using Error::Error;
+};
+
 class SharedLibrary {
 public:
-    // Loads `soname` or throws std::runtime_error naming it, what needs it and the Debian package
+    // Loads `soname` or throws SharedLibraryError naming it, what needs it and the Debian package
     // that provides it.
     SharedLibrary(const char* soname, const std::string& purpose, const std::string& debianPackage);
     ~SharedLibrary();
     SharedLibrary(const SharedLibrary&) = delete;
     SharedLibrary& operator=(const SharedLibrary&) = delete;
 
-    // The function `name`, or std::runtime_error when the library lacks it.
+    // The function `name`, or SharedLibraryError when the library lacks it.
     template <typename Function>
     Function function(const char* name) const {
         return reinterpret_cast<Function>(address(name));

@@ -10,6 +10,8 @@
 
 namespace aimwise::AgentConfig {
 
+namespace fs = std::filesystem;
+
 namespace {
 
 using nlohmann::json;

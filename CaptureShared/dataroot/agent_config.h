@@ -25,7 +25,7 @@ struct ParseResult {
 struct DataRootStatus {
     enum class Kind { available, missing };
     Kind kind;
-    fs::path path;
+    std::filesystem::path path;
     bool wasExplicitlyConfigured = false;
 };
 
@@ -33,15 +33,16 @@ const std::set<std::string>& allowedKeys();
 const std::vector<std::pair<std::string, std::string>>& defaultEnvForNewInstall();
 const std::vector<std::string>& readmeLines();
 
-fs::path configURL();
+std::filesystem::path configURL();
 
 ParseResult parse(std::string_view text);
 // A file that cannot be read is an empty result with no error: a missing file is ordinary.
-ParseResult load(const std::optional<fs::path>& at = std::nullopt);
+ParseResult load(const std::optional<std::filesystem::path>& at = std::nullopt);
 
 // Applies allowed settings that the real environment lacks (or holds empty); returns their keys.
-std::vector<std::string> bootstrapProcessEnvironment(const std::optional<fs::path>& at = std::nullopt,
-                                                     const std::optional<std::string>& bakedOpenRouterKey = std::nullopt);
+std::vector<std::string> bootstrapProcessEnvironment(
+    const std::optional<std::filesystem::path>& at = std::nullopt,
+    const std::optional<std::string>& bakedOpenRouterKey = std::nullopt);
 
 std::vector<std::string> missingKeys(const std::vector<std::string>& required,
                                      const std::optional<std::map<std::string, std::string>>& settings,
@@ -51,15 +52,17 @@ DataRootStatus dataRootStatus();
 std::string describe(const DataRootStatus& status);
 
 // Adds default keys the file lacks and never changes one already there. Throws ConfigWriteError.
-std::vector<std::string> seedDefaultEnvIfAbsent(const std::optional<fs::path>& at, uint64_t physicalMemoryBytes);
+std::vector<std::string> seedDefaultEnvIfAbsent(const std::optional<std::filesystem::path>& at,
+                                                uint64_t physicalMemoryBytes);
 
 std::string exampleContents();
-bool writeExampleIfAbsent(const std::optional<fs::path>& at = std::nullopt);
+bool writeExampleIfAbsent(const std::optional<std::filesystem::path>& at = std::nullopt);
 
 // Both throw ConfigWriteError and leave the file as it was.
 void setEnvValue(const std::optional<std::string>& value, const std::string& key,
-                 const std::optional<fs::path>& at = std::nullopt);
-void setEnvSettings(const std::map<std::string, std::string>& settings, const std::optional<fs::path>& at = std::nullopt);
+                 const std::optional<std::filesystem::path>& at = std::nullopt);
+void setEnvSettings(const std::map<std::string, std::string>& settings,
+                    const std::optional<std::filesystem::path>& at = std::nullopt);
 
 // "…" plus the last four characters, so a key can be recognised without being shown.
 std::optional<std::string> redactedSuffix(const std::optional<std::string>& value);

@@ -15,8 +15,13 @@
 
 namespace aimwise {
 
-std::string ConfigWriteError::description() const {
-    if (kind == Kind::unsupportedKeys) {
+namespace fs = std::filesystem;
+
+namespace {
+
+std::string describeConfigWrite(ConfigWriteError::Kind kind, const std::vector<std::string>& keys,
+                                const std::string& reason, const fs::path& path) {
+    if (kind == ConfigWriteError::Kind::unsupportedKeys) {
         std::string joined;
         for (const auto& key : keys) joined += (joined.empty() ? "" : ", ") + key;
         if (keys.size() == 1)
@@ -26,6 +31,15 @@ std::string ConfigWriteError::description() const {
     return (path.empty() ? DataPaths::configPath() : path).string() + " is malformed (" + reason +
            ") — refusing to save, so nothing already in it is lost. Fix it by hand, or delete it and reconfigure.";
 }
+
+}  // namespace
+
+ConfigWriteError::ConfigWriteError(Kind kind, std::vector<std::string> keys, std::string reason, fs::path path)
+    : Error(describeConfigWrite(kind, keys, reason, path)),
+      kind(kind),
+      keys(std::move(keys)),
+      reason(std::move(reason)),
+      path(std::move(path)) {}
 
 namespace DataPaths {
 

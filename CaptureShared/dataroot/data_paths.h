@@ -5,18 +5,19 @@
 #include <string>
 #include <vector>
 
+#include "CaptureShared/common/error.h"
+
 namespace aimwise {
 
-namespace fs = std::filesystem;
-
 // Raised by the writers of config.json; see AgentConfig for the rendered words.
-struct ConfigWriteError {
+struct ConfigWriteError : Error {
     enum class Kind { unsupportedKeys, malformedConfig };
+    ConfigWriteError(Kind kind, std::vector<std::string> keys, std::string reason,
+                     std::filesystem::path path);
     Kind kind;
     std::vector<std::string> keys;  // unsupportedKeys
     std::string reason;             // malformedConfig
-    fs::path path;                  // the file refused; empty means DataPaths::configPath()
-    std::string description() const;
+    std::filesystem::path path;     // the file refused; empty means DataPaths::configPath()
 };
 
 namespace DataPaths {
@@ -25,25 +26,25 @@ enum class RootSource { environment, configFile, unconfigured };
 std::string rawValue(RootSource source);
 
 // ${XDG_DATA_HOME:-~/.local/share}/AimCapture
-fs::path supportDir();
-fs::path homeDirectory();
+std::filesystem::path supportDir();
+std::filesystem::path homeDirectory();
 // "~" and "~/x" become the home directory and a path inside it.
-fs::path expandTilde(const std::string& path);
+std::filesystem::path expandTilde(const std::string& path);
 
 // The test override if one is set, otherwise the support directory's config.json.
-fs::path configPath();
-void setConfigPathOverrideForTesting(std::optional<fs::path> path);
+std::filesystem::path configPath();
+void setConfigPathOverrideForTesting(std::optional<std::filesystem::path> path);
 
-fs::path dataRoot();
+std::filesystem::path dataRoot();
 RootSource dataRootSource();
 bool isDataRootAvailable();
 std::optional<std::string> dataRootUnavailableReason();
 
-std::optional<fs::path> configuredRoot();
+std::optional<std::filesystem::path> configuredRoot();
 void invalidateConfigCache();
 bool configFileExistsButFailedToParse();
 // Throws ConfigWriteError (malformedConfig) or std::filesystem::filesystem_error.
-void setConfiguredRoot(const fs::path& root);
+void setConfiguredRoot(const std::filesystem::path& root);
 // Creates video/ and io-layer/ (0700) at an available root; does nothing at an absent one.
 void ensureSubdirsExist();
 
@@ -51,24 +52,24 @@ void ensureSubdirsExist();
 void onRootDidChange(void (*callback)());
 inline constexpr const char* rootDidChangeName = "CaptureShared.DataPaths.rootDidChange";
 
-fs::path signalsDB();
-fs::path classifierCadence();
-fs::path videoDir();
-fs::path videoDir(int display);
-fs::path frameTimestampsPath(int display);
-fs::path frameMetaPath(int display);
-fs::path callHoldOverride();
-fs::path defaultRootForNewInstall();
-fs::path unconfiguredRoot();
+std::filesystem::path signalsDB();
+std::filesystem::path classifierCadence();
+std::filesystem::path videoDir();
+std::filesystem::path videoDir(int display);
+std::filesystem::path frameTimestampsPath(int display);
+std::filesystem::path frameMetaPath(int display);
+std::filesystem::path callHoldOverride();
+std::filesystem::path defaultRootForNewInstall();
+std::filesystem::path unconfiguredRoot();
 
 // Data-root-relative helpers used across the system.
-fs::path eventsLog();         // io-layer/events.jsonl
-fs::path classifierLog();     // checker-log.jsonl
+std::filesystem::path eventsLog();      // io-layer/events.jsonl
+std::filesystem::path classifierLog();  // checker-log.jsonl
 
 // Tightens an adopted root to 0700 unless it is shared with other owners.
-void hardenAdoptedRoot(const fs::path& root, const fs::path& home);
+void hardenAdoptedRoot(const std::filesystem::path& root, const std::filesystem::path& home);
 // "/", the home directory itself, or a mount point.
-bool isSharedContainerRoot(const fs::path& root, const fs::path& home);
+bool isSharedContainerRoot(const std::filesystem::path& root, const std::filesystem::path& home);
 
 }  // namespace DataPaths
 }  // namespace aimwise

@@ -2,11 +2,14 @@
 #include <filesystem>
 #include <string>
 
+#include "CaptureShared/common/error.h"
+
 namespace aimwise {
 
-struct ExecutablePathError {
+struct ExecutablePathError : Error {
+    explicit ExecutablePathError(std::string detail)
+        : Error("could not resolve own executable path: " + detail), detail(std::move(detail)) {}
     std::string detail;
-    std::string description() const { return "could not resolve own executable path: " + detail; }
 };
 
 namespace ExecutablePath {

@@ -9,7 +9,7 @@ namespace aimwise {
 
 Manifest Manifest::make(const std::string& dataRoot, double captureFps, double keyframeIntervalSec,
                         int64_t displayWidthTarget, int64_t nowMs) {
-    return Manifest{1, dataRoot, captureFps, keyframeIntervalSec, displayWidthTarget, IsoDate::format(nowMs)};
+    return Manifest{1, dataRoot, captureFps, keyframeIntervalSec, displayWidthTarget, ISODate::format(nowMs)};
 }
 
 std::string Manifest::toJSON() const {

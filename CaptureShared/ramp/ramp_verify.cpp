@@ -66,7 +66,7 @@ std::string describe(const Plan& plan) {
     for (const auto& frame : plan.frames)
         if (frame.file) files.insert(*frame.file);
     const int outputs = plan.outputFrameCount();
-    std::string text = "ramp to " + IsoDate::format(plan.judgedInstantMs) + ": " + std::to_string(plan.frames.size()) +
+    std::string text = "ramp to " + ISODate::format(plan.judgedInstantMs) + ": " + std::to_string(plan.frames.size()) +
                        " frames from " + std::to_string(files.size()) + " recording(s), " + std::to_string(outputs) +
                        " output frames, " + formatted("%.1f", outputs / plan.outputFps) + " s at " +
                        formatted("%g", plan.outputFps) + " fps\n";
@@ -75,7 +75,7 @@ std::string describe(const Plan& plan) {
     text += "  start  hold  recorded at           before    frame\n";
     for (size_t i = 0; i < plan.frames.size(); ++i) {
         const auto& frame = plan.frames[i];
-        text += formatted("  %5d  %4d  ", plan.outputStarts[i], frame.holdFrames) + IsoDate::format(frame.sourceRealMs) +
+        text += formatted("  %5d  %4d  ", plan.outputStarts[i], frame.holdFrames) + ISODate::format(frame.sourceRealMs) +
                 formatted("  %8s  ", before(plan.judgedInstantMs - frame.sourceRealMs).c_str()) +
                 (frame.isGap() ? "(no capture)" : frame.file->filename().string() + " #" + std::to_string(frame.frameIndex)) +
                 "\n";
@@ -97,7 +97,7 @@ fs::path runBridge(int64_t atMs, const VideoArchiveKeyLookup& keys, const Enviro
     if (!::mkdtemp(directory.data()))
         throw VideoContainerBridge::BridgeError("couldn't publish the remuxed copy: no private temporary directory in " +
                                                 temporaryRoot);
-    std::string stamp = IsoDate::format(atMs);
+    std::string stamp = ISODate::format(atMs);
     std::erase(stamp, ':');
     std::erase(stamp, '-');
     const fs::path clipPath = fs::path(directory) / ("ramp-" + stamp + ".mp4");

@@ -105,9 +105,10 @@ std::optional<int64_t> newestTsMs(sqlite3* db, std::string sql, std::optional<in
 
 }  // namespace
 
-std::string SignalsReaderError::description() const {
-    return std::string(kind == Kind::openFailed ? "openFailed" : "queryFailed") + "(\"" + message + "\")";
-}
+SignalsReaderError::SignalsReaderError(Kind kind, std::string message)
+    : Error(std::string(kind == Kind::openFailed ? "openFailed" : "queryFailed") + "(\"" + message + "\")"),
+      kind(kind),
+      message(std::move(message)) {}
 
 void SignalsReader::Close::operator()(sqlite3* db) const { sqlite3_close_v2(db); }
 

@@ -9,6 +9,7 @@
 #include <variant>
 #include <vector>
 
+#include "CaptureShared/common/error.h"
 #include "CaptureShared/signals/activity_timeline_sample.h"
 #include "CaptureShared/signals/app_minutes.h"
 
@@ -16,12 +17,12 @@ struct sqlite3;
 
 namespace aimwise {
 
-struct SignalsReaderError {
+// Described as the case and its message, e.g. openFailed("unable to open database file").
+struct SignalsReaderError : Error {
     enum class Kind { openFailed, queryFailed };
+    SignalsReaderError(Kind kind, std::string message);
     Kind kind;
     std::string message;
-    // The case and its message, e.g. openFailed("unable to open database file").
-    std::string description() const;
 };
 
 class SignalsReader {

@@ -17,8 +17,6 @@ void writeToStandardError(const std::string& text) { std::fwrite(text.data(), 1,
 
 }  // namespace
 
-std::string SQLiteError::description() const { return "openFailed(\"" + message + "\")"; }
-
 void SQLiteDB::Close::operator()(sqlite3* db) const { sqlite3_close_v2(db); }
 
 SQLiteDB SQLiteDB::open(const std::filesystem::path& path) {

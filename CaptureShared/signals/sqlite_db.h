@@ -10,15 +10,19 @@
 #include <variant>
 #include <vector>
 
+#include "CaptureShared/common/error.h"
+
 struct sqlite3;
 
 namespace aimwise {
 
-struct SQLiteError {
+// Described as openFailed("<sqlite's message>").
+struct SQLiteError : Error {
     enum class Kind { openFailed };
+    SQLiteError(Kind kind, std::string message)
+        : Error("openFailed(\"" + message + "\")"), kind(kind), message(std::move(message)) {}
     Kind kind = Kind::openFailed;
     std::string message;
-    std::string description() const;
 };
 
 // One positional parameter of `SQLiteDB::insert`: absent, integer, float, boolean or text.

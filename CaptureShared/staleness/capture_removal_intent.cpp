@@ -6,7 +6,7 @@
 namespace aimwise::CaptureRemovalIntentStore {
 
 void write(const CaptureRemovalIntent& intent, const std::filesystem::path& directory) {
-    const nlohmann::json object = {{"removedAt", IsoDate::format(intent.removedAtMs)}};
+    const nlohmann::json object = {{"removedAt", ISODate::format(intent.removedAtMs)}};
     SmallJSONFile::replace(directory / fileName, object.dump());
 }
 

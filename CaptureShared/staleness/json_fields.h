@@ -54,7 +54,7 @@ inline std::optional<int64_t> int64Field(const nlohmann::json& object, const cha
 inline std::optional<int64_t> dateField(const nlohmann::json& object, const char* key) {
     const auto it = object.find(key);
     if (it == object.end() || !it->is_string()) return std::nullopt;
-    return IsoDate::parse(it->get_ref<const std::string&>());
+    return ISODate::parse(it->get_ref<const std::string&>());
 }
 
 }  // namespace aimwise::jsonfields

@@ -13,7 +13,7 @@ bool isCurrent(const SignalsStaleNote& note, int64_t nowMs) {
 void write(const SignalsStaleNote& note, const std::filesystem::path& directory) {
     // std::map-backed objects dump with sorted keys.
     const nlohmann::json object = {{"lastGoodTickAtMs", note.lastGoodTickAtMs},
-                                   {"updatedAt", IsoDate::format(note.updatedAtMs)}};
+                                   {"updatedAt", ISODate::format(note.updatedAtMs)}};
     SmallJSONFile::replace(directory / fileName, object.dump());
 }
 

@@ -26,13 +26,13 @@ Decision decide(const Pause& pause, std::optional<int64_t> latestTickMs, int64_t
 }
 
 std::string reason(int64_t gapMs, int64_t lastTickAtMs) {
-    return "signals stale since " + IsoDate::format(lastTickAtMs) + " (~" + humanDuration(gapMs) +
+    return "signals stale since " + ISODate::format(lastTickAtMs) + " (~" + humanDuration(gapMs) +
            " with no new signals.sqlite row) — not judged; capture may have stopped";
 }
 
 std::string reasonPredatesPause(int64_t lastTickAtMs, int64_t pauseStartedAtMs, int64_t nowMs) {
-    return "recording is paused (since " + IsoDate::format(pauseStartedAtMs) +
-           ") and the newest signals.sqlite row is from " + IsoDate::format(lastTickAtMs) +
+    return "recording is paused (since " + ISODate::format(pauseStartedAtMs) +
+           ") and the newest signals.sqlite row is from " + ISODate::format(lastTickAtMs) +
            ", before the pause began (~" + humanDuration(nowMs - lastTickAtMs) +
            " ago) — not judged; waiting for Signals to write a current row";
 }

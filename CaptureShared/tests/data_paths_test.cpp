@@ -10,6 +10,8 @@
 #include "tests/support/temp_dir.h"
 
 namespace aimwise {
+
+namespace fs = std::filesystem;
 namespace {
 
 using testing::readFile;

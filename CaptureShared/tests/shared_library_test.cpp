@@ -17,7 +17,7 @@ TEST(SharedLibrary, FindsAFunctionAndNamesWhatIsMissing) {
     try {
         libc.function<void (*)()>("aimwise_no_such_function");
         ADD_FAILURE() << "a missing function was found";
-    } catch (const std::runtime_error& error) {
+    } catch (const SharedLibraryError& error) {
         EXPECT_THAT(error.what(), AllOf(HasSubstr("libc.so.6"), HasSubstr("aimwise_no_such_function")));
     }
 }
@@ -26,7 +26,7 @@ TEST(SharedLibrary, AnAbsentLibrarySaysWhatNeedsItAndWhichPackageBringsIt) {
     try {
         SharedLibrary("libaimwise-absent.so.9", "HTTP", "libcurl4");
         ADD_FAILURE() << "an absent library was loaded";
-    } catch (const std::runtime_error& error) {
+    } catch (const SharedLibraryError& error) {
         EXPECT_THAT(error.what(), AllOf(HasSubstr("HTTP is unavailable"), HasSubstr("libaimwise-absent.so.9"),
                                         HasSubstr("package libcurl4")));
     }

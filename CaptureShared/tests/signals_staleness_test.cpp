@@ -70,7 +70,7 @@ TEST(SignalsStalenessText, HumanDurationUsesWholeUnitsWithoutSpacesAndNeverGoesN
 }
 
 TEST(SignalsStalenessText, ReasonsNameTheRowThePauseAndTheAge) {
-    const int64_t row = IsoDate::parse("2026-11-22T05:00:00Z").value();
+    const int64_t row = ISODate::parse("2026-11-22T05:00:00Z").value();
     EXPECT_EQ(reason(5'430'000, row + 999),
               "signals stale since 2026-11-22T05:00:00Z (~1h30m with no new signals.sqlite row) — not judged; "
               "capture may have stopped");
@@ -80,17 +80,17 @@ TEST(SignalsStalenessText, ReasonsNameTheRowThePauseAndTheAge) {
               "current row");
 }
 
-TEST(IsoDate, FormatsUTCAtWholeSecondsAndParsesOnlyInternetDateTimes) {
-    EXPECT_EQ(IsoDate::format(951'782'400'999), "2000-02-29T00:00:00Z");
-    EXPECT_EQ(IsoDate::format(-1), "1969-12-31T23:59:59Z");
-    EXPECT_EQ(IsoDate::parse("2000-02-29T00:00:00.25Z"), 951'782'400'250);
-    EXPECT_EQ(IsoDate::parse("2000-02-29T02:30:00+02:30"), 951'782'400'000);
+TEST(ISODate, FormatsUTCAtWholeSecondsAndParsesOnlyInternetDateTimes) {
+    EXPECT_EQ(ISODate::format(951'782'400'999), "2000-02-29T00:00:00Z");
+    EXPECT_EQ(ISODate::format(-1), "1969-12-31T23:59:59Z");
+    EXPECT_EQ(ISODate::parse("2000-02-29T00:00:00.25Z"), 951'782'400'250);
+    EXPECT_EQ(ISODate::parse("2000-02-29T02:30:00+02:30"), 951'782'400'000);
     for (const char* bad : {"", "2000-02-30T00:00:00Z", "2001-02-29T00:00:00Z", "2000-02-29 00:00:00Z",
                             "2000-02-29T24:00:00Z", "2000-02-29T00:00:00", "2000-02-29T00:00:00Zjunk",
                             "2000-02-29T00:00:00.Z", "2000-02-29T00:00:00+0200", "2000-02-29T00:00:00+02:3"})
-        EXPECT_EQ(IsoDate::parse(bad), std::nullopt) << bad;
+        EXPECT_EQ(ISODate::parse(bad), std::nullopt) << bad;
     for (int64_t ms : {int64_t{0}, int64_t{-86'400'000}, int64_t{253'402'300'799'000}})
-        EXPECT_EQ(IsoDate::parse(IsoDate::format(ms)), ms);
+        EXPECT_EQ(ISODate::parse(ISODate::format(ms)), ms);
 }
 
 }  // namespace

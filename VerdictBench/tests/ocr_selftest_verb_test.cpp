@@ -22,7 +22,7 @@ using testing::TempDir;
 
 const std::string chatPath = "/v1/chat/completions";
 
-class OcrSelftestVerb : public ::testing::Test {
+class OCRSelftestVerb : public ::testing::Test {
 protected:
     // One screenshot of a window with known text, shared by the cases.
     static void SetUpTestSuite() {
@@ -58,9 +58,9 @@ protected:
     TempDir dir_;
     ScriptedModelServer server_{ScriptedModelServer::Transport::tcp};
 };
-std::unique_ptr<TempDir> OcrSelftestVerb::image_;
+std::unique_ptr<TempDir> OCRSelftestVerb::image_;
 
-TEST_F(OcrSelftestVerb, ReadsDescribesAndPrintsTheDictTheClassifierWouldGet) {
+TEST_F(OCRSelftestVerb, ReadsDescribesAndPrintsTheDictTheClassifierWouldGet) {
     server_.enqueue(chatPath, ScriptedModelServer::Reply::json(
                                   200, ScriptedModelServer::completionBody("\n  Planning the week's errands.  \n")));
     const auto result = run({imagePath().string()});
@@ -86,7 +86,7 @@ TEST_F(OcrSelftestVerb, ReadsDescribesAndPrintsTheDictTheClassifierWouldGet) {
               "data:image/png;base64," + WindowContentReader::base64(image));
 }
 
-TEST_F(OcrSelftestVerb, LongTextAndDictAreCutAtTheirLimitsInCharacters) {
+TEST_F(OCRSelftestVerb, LongTextAndDictAreCutAtTheirLimitsInCharacters) {
     const std::string description(250, 'd');
     server_.enqueue(chatPath, ScriptedModelServer::Reply::json(200, ScriptedModelServer::completionBody(description)));
     const auto result = run({imagePath().string()});
@@ -97,7 +97,7 @@ TEST_F(OcrSelftestVerb, LongTextAndDictAreCutAtTheirLimitsInCharacters) {
     EXPECT_EQ(dict.substr(0, 14), "{'ocr_text': '");
 }
 
-TEST_F(OcrSelftestVerb, FailedRecognitionIsReportedAndTheDescriptionStillRuns) {
+TEST_F(OCRSelftestVerb, FailedRecognitionIsReportedAndTheDescriptionStillRuns) {
     server_.enqueue(chatPath, ScriptedModelServer::Reply::json(200, ScriptedModelServer::completionBody("Code.")));
     const auto result = run({imagePath().string()}, (dir_ / "missing-helper").string());
     ASSERT_EQ(result.exitStatus, 0) << result.standardError;
@@ -108,7 +108,7 @@ TEST_F(OcrSelftestVerb, FailedRecognitionIsReportedAndTheDescriptionStillRuns) {
     EXPECT_NE(result.standardOutput.find("{'ocr_text': '', 'description': 'Code.'}"), std::string::npos);
 }
 
-TEST_F(OcrSelftestVerb, AnUnreadableImageOrAFailedDescriptionEndsWithAnError) {
+TEST_F(OCRSelftestVerb, AnUnreadableImageOrAFailedDescriptionEndsWithAnError) {
     const auto missing = run({(dir_ / "absent.png").string()});
     EXPECT_NE(missing.exitStatus, 0);
     EXPECT_NE(missing.standardOutput.find("=== OCR FAILED ===\ncould not open image at "), std::string::npos);
@@ -123,7 +123,7 @@ TEST_F(OcrSelftestVerb, AnUnreadableImageOrAFailedDescriptionEndsWithAnError) {
     EXPECT_NE(refused.standardError.find("500"), std::string::npos) << refused.standardError;
 }
 
-TEST_F(OcrSelftestVerb, WithoutAnImagePathItPrintsItsUsage) {
+TEST_F(OCRSelftestVerb, WithoutAnImagePathItPrintsItsUsage) {
     const auto result = run({});
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.standardError, "usage: ocr-selftest <image-path>\n");

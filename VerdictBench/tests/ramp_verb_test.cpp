@@ -57,7 +57,7 @@ protected:
 testing::TempDir* RampVerb::dir_ = nullptr;
 
 TEST_F(RampVerb, PrintsThePlanWithItsGapAndEndsOnTheJudgedFrame) {
-    const auto result = ramp({IsoDate::format(judgedMs)});
+    const auto result = ramp({ISODate::format(judgedMs)});
     ASSERT_EQ(result.exitStatus, 0) << result.standardError;
     const std::string& out = result.standardOutput;
     EXPECT_TRUE(out.starts_with("ramp to 2026-11-18T11:06:40Z: ")) << out;
@@ -69,7 +69,7 @@ TEST_F(RampVerb, PrintsThePlanWithItsGapAndEndsOnTheJudgedFrame) {
 }
 
 TEST_F(RampVerb, BridgedItWritesAPlayablePrivateClipAndNothingElse) {
-    const auto result = ramp({IsoDate::format(judgedMs), "--bridge"});
+    const auto result = ramp({ISODate::format(judgedMs), "--bridge"});
     ASSERT_EQ(result.exitStatus, 0) << result.standardError;
     std::smatch match;
     ASSERT_TRUE(std::regex_search(result.standardOutput, match, std::regex("\nclip: (.*)\n"))) << result.standardOutput;
@@ -107,7 +107,7 @@ TEST_F(RampVerb, FailsPlainlyWithoutCaptureOrKey) {
         std::vector<std::string> arguments;
         std::string error;
     } cases[] = {
-        {{IsoDate::format(judgedMs - 1800000)}, "FAIL: No capture frame near the judged instant — capture wasn't running then.\n"},
+        {{ISODate::format(judgedMs - 1800000)}, "FAIL: No capture frame near the judged instant — capture wasn't running then.\n"},
         {{"2026-07-01T10:00:00Z"},
          "FAIL: This moment predates the frame-index sidecar columns (2026-07-07), so no frame can be resolved for it.\n"},
         {{}, "usage: bench run VerdictBench ramp <ISO-8601 timestamp> [fps] [--display <n>] [--bridge]\n"},
@@ -120,7 +120,7 @@ TEST_F(RampVerb, FailsPlainlyWithoutCaptureOrKey) {
     }
     const fs::path keys = dir_->path() / "xdg/AimCapture/video-archive-keys";
     fs::rename(keys, dir_->path() / "keys-aside");
-    const auto result = ramp({IsoDate::format(judgedMs), "--bridge"});
+    const auto result = ramp({ISODate::format(judgedMs), "--bridge"});
     fs::rename(dir_->path() / "keys-aside", keys);
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.standardError, "FAIL: video archive key unavailable: no video archive key of generation 1 in " +
@@ -136,7 +136,7 @@ TEST_F(RampVerb, FailsPlainlyWithoutCaptureOrKey) {
                        "status 1\n"},
     };
     for (const auto& c : broken) {
-        const auto failed = ramp({IsoDate::format(judgedMs), "--bridge"}, c.ffmpeg);
+        const auto failed = ramp({ISODate::format(judgedMs), "--bridge"}, c.ffmpeg);
         EXPECT_EQ(failed.exitStatus, 1);
         EXPECT_EQ(failed.standardError, c.error);
     }

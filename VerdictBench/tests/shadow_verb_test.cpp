@@ -5,6 +5,7 @@
 #include <fmt/format.h>
 
 #include "AimwiseCore/coach/projection_date_parsing.h"
+#include "CaptureShared/common/local_time.h"
 #include "tests/support/run_process.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/signals_fixtures.h"
@@ -31,7 +32,7 @@ protected:
     void checker(std::initializer_list<std::pair<int64_t, const char*>> records, const std::string& extra = "") {
         std::string text = extra;
         for (const auto& [ms, state] : records)
-            text += fmt::format(R"({{"at":"{}","state":"{}"}})" "\n", ProjectionDateParsing::formatLocal(ms), state);
+            text += fmt::format(R"({{"at":"{}","state":"{}"}})" "\n", LocalTime::format(ms), state);
         testing::writeFile(root() / "checker-log.jsonl", text);
     }
     void shadow(std::initializer_list<std::pair<int64_t, const char*>> records) {

@@ -1,13 +1,14 @@
-// The `staleness` verb run as the built binary against fixture data roots.
+// The `staleness` verb against fixture data roots, run in this process with a fake clock.
 #include <gtest/gtest.h>
 
-#include <chrono>
 #include <regex>
 #include <string>
 
 #include "AimwiseCore/classifier/cadence.h"
 #include "CaptureShared/staleness/signals_staleness.h"
-#include "tests/support/run_process.h"
+#include "VerdictBench/tests/verb_in_process.h"
+#include "VerdictBench/verbs.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/signals_fixtures.h"
 #include "tests/support/temp_dir.h"
 
@@ -15,11 +16,6 @@ namespace aimwise {
 namespace {
 
 using testing::SignalsFixture;
-
-int64_t wallClockMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 // A data root and a support directory of its own, so that nothing of the machine leaks in.
 class StalenessVerb : public ::testing::Test {
@@ -31,9 +27,11 @@ protected:
                                {"XDG_STATE_HOME", (dir_ / "state").string()},
                                {"HOME", (dir_ / "home").string()}};
         options.unset = {"AIMCAP_CLASSIFY_MIN_INTERVAL_SEC", "AIMCAP_CLASSIFY_MAX_INTERVAL_SEC"};
-        startMs_ = wallClockMs();
-        auto result = testing::runProcess(testing::verdictBenchPath(), {"staleness"}, options);
-        endMs_ = wallClockMs();
+        cli::Invocation invocation = cli::splitArguments({"staleness"});
+        invocation.clock = &clock_;
+        startMs_ = clock_.wallMs();
+        auto result = testing::runVerbInProcess([&] { return verbs::runStaleness(invocation); }, options);
+        endMs_ = clock_.wallMs();
         return result;
     }
 
@@ -64,6 +62,9 @@ protected:
                "ms, gap: " + SignalsStaleness::humanDuration(now - row) + "\n";
     }
 
+    int64_t wallClockMs() const { return clock_.wallMs(); }
+
+    testing::FakeClock clock_;
     testing::TempDir dir_;
     int64_t startMs_ = 0, endMs_ = 0;
 };

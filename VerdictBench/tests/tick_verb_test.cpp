@@ -1,6 +1,8 @@
 // The tick's failure table row by row: its status, its words, the cadence file and the log rows
-// after each. Rows that need the machine (a call, the battery, a screen capture) run the tick in
-// this process with those readings replaced; every other row runs the built binary.
+// after each. Rows run in this process behind the dispatcher's catch boundary with a fake clock;
+// rows that need the machine (a call, the battery, a screen capture) also replace those readings,
+// and the failing rows run the built binary, so its exit status and last words are seen as a
+// timer would see them.
 #include <gtest/gtest.h>
 
 #include <chrono>
@@ -12,7 +14,9 @@
 #include "AimwiseCore/events/classifier_tick.h"
 #include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/models/local_model_store.h"
+#include "VerdictBench/tests/verb_in_process.h"
 #include "VerdictBench/tick_run.h"
+#include "tests/support/fake_clock.h"
 #include "tests/support/run_process.h"
 #include "tests/support/scoped_environment.h"
 #include "tests/support/scripted_model_server.h"
@@ -29,11 +33,6 @@ using Reply = ScriptedModelServer::Reply;
 using json = nlohmann::json;
 
 constexpr const char* chatPath = "/v1/chat/completions";
-
-int64_t wallClockMs() {
-    using namespace std::chrono;
-    return duration_cast<milliseconds>(system_clock::now().time_since_epoch()).count();
-}
 
 std::vector<std::string> lines(const fs::path& path) {
     std::vector<std::string> found;
@@ -52,17 +51,24 @@ protected:
         return env;
     }
 
-    testing::ProcessResult run() {
+    testing::ProcessOptions options() const {
         testing::ProcessOptions options;
         options.environment = environment();
         options.unset = {"DISPLAY", "WAYLAND_DISPLAY", "AIMCAP_CLASSIFY_MIN_INTERVAL_SEC",
                          "AIMCAP_CLASSIFY_MAX_INTERVAL_SEC", "AIMCAP_CLASSIFY_REQUIRE_AC", "AIMCAP_CALL_PAUSE"};
-        startMs = wallClockMs();
-        auto result = testing::runProcess(testing::verdictBenchPath(), {"tick"}, options);
-        endMs = wallClockMs();
+        return options;
+    }
+    testing::ProcessResult run() {
+        startMs = clock.wallMs();
+        auto result = testing::runVerbInProcess([&] { return tick::runTick(tick::Platform::live(), clock); }, options());
+        endMs = clock.wallMs();
         return result;
     }
+    testing::ProcessResult runBinary() { return testing::runProcess(testing::verdictBenchPath(), {"tick"}, options()); }
 
+    // Rows are dated against the fake clock, which starts at the real time so that a run of the
+    // binary agrees with it to within the test's own duration.
+    int64_t now() const { return clock.wallMs(); }
     fs::path root() const { return dir / "root"; }
     fs::path supportDir() const { return dir / "xdg" / "AimCapture"; }
     fs::path cadencePath() const { return root() / "classifier-cadence.json"; }
@@ -78,14 +84,14 @@ protected:
     }
     // A row of a few seconds ago with its front window.
     void freshRow(const std::string& app = "Editor", const std::string& title = "notes.md") {
-        const int64_t ts = wallClockMs() - 5'000;
+        const int64_t ts = now() - 5'000;
         signals().tick({.tsMs = ts, .frontmostApp = app, .idleAnySec = 1.0});
         signals().window({.tsMs = ts, .ownerName = app, .title = title});
     }
     Cadence::State cadenceJudgedAgo(int64_t agoMs, const std::string& app = "Editor",
                                     const std::string& title = "notes.md") {
         Cadence::State state;
-        state.lastRanAtMs = state.lastJudgedAtMs = state.runStartedAtMs = wallClockMs() - agoMs;
+        state.lastRanAtMs = state.lastJudgedAtMs = state.runStartedAtMs = now() - agoMs;
         state.lastVerdict = "ON_TASK";
         state.lastFrontmostApp = app;
         state.lastWindowTitle = title;
@@ -111,6 +117,7 @@ protected:
         EXPECT_EQ(*after, expected);
     }
 
+    testing::FakeClock clock{Clock::system().wallMs()};
     testing::TempDir dir;
     ScriptedModelServer server;
     std::optional<testing::SignalsFixture> fixture;
@@ -202,7 +209,7 @@ TEST_F(TickTest, ANewWindowTitleIsJudgedAndAdvancesTheCadence) {
 }
 
 TEST_F(TickTest, AConfirmedStaleReadingWritesTheNoteAndSkipsWithAHeartbeat) {
-    const int64_t row = wallClockMs() - 600'000;
+    const int64_t row = now() - 600'000;
     signals().tick({.tsMs = row, .frontmostApp = "Editor"});
     const auto before = cadenceJudgedAgo(30'000);
     const auto result = run();
@@ -218,8 +225,8 @@ TEST_F(TickTest, AConfirmedStaleReadingWritesTheNoteAndSkipsWithAHeartbeat) {
 }
 
 TEST_F(TickTest, ARowOlderThanAFreshRecordingPauseSkipsWithoutANote) {
-    const int64_t row = wallClockMs() - 3'600'000;
-    const int64_t pauseStart = wallClockMs() - 60'000;
+    const int64_t row = now() - 3'600'000;
+    const int64_t pauseStart = now() - 60'000;
     signals().tick({.tsMs = row, .frontmostApp = "Editor"});
     testing::writeFile(supportDir() / "recording-pause.json",
                        "{\"requestedMs\": " + std::to_string(pauseStart) +
@@ -237,7 +244,7 @@ TEST_F(TickTest, ARowOlderThanAFreshRecordingPauseSkipsWithoutANote) {
 TEST_F(TickTest, AFreshReadingClearsAnEarlierNoteAndAnUntrustworthyOneLeavesIt) {
     testing::writeFile(staleNote(), R"({"lastGoodTickAtMs": 1, "updatedAt": "2026-01-01T00:00:00Z"})");
     // Stale, with no record of a recent wake: judged once, note kept.
-    signals().tick({.tsMs = wallClockMs() - 600'000, .frontmostApp = "Editor"});
+    signals().tick({.tsMs = now() - 600'000, .frontmostApp = "Editor"});
     reply(R"({"state": "ON_TASK", "confidence": 0.5, "reason": "ok"})");
     auto result = run();
     EXPECT_EQ(result.exitStatus, 0) << result.standardError;
@@ -301,7 +308,7 @@ TEST_F(TickTest, FailuresLeaveTheCadenceAloneAndLogNothing) {
         row.arrange();
         cadenceJudgedAgo(10'000, "Mail");
         const std::string before = testing::readFile(cadencePath());
-        const auto result = run();
+        const auto result = runBinary();
         EXPECT_EQ(result.exitStatus, 1);
         EXPECT_EQ(result.standardOutput, "");
         row.expectError(result.standardError);
@@ -321,7 +328,7 @@ TEST_F(TickTest, AServerServingAnotherFileIsRefusedWithANoteForTheApp) {
     const LocalModelManifest manifest{"judge-model", "judge.gguf",
                                       {{"judge.gguf", 4, *LocalModelStore::sha256OfFile(modelFile)}}};
     store.saveManifest(manifest);
-    ASSERT_TRUE(store.verify(manifest, wallClockMs()).ok());
+    ASSERT_TRUE(store.verify(manifest, now()).ok());
     server.setModelPath("/elsewhere/other.gguf");
     const auto result = run();
     EXPECT_EQ(result.exitStatus, 1);
@@ -348,7 +355,7 @@ TEST_F(TickTest, AnEndedQuietWindowIsDisclosedOnceThroughTheNotifier) {
     testing::writeFile(dir / "bin" / "notify-send",
                        "#!/bin/sh\nfor a in \"$@\"; do printf '%s\\n' \"$a\"; done >> '" + record.string() + "'\n");
     fs::permissions(dir / "bin" / "notify-send", fs::perms::owner_all);
-    const int64_t until = wallClockMs() - 300'000;
+    const int64_t until = now() - 300'000;
     testing::writeFile(root() / "io-layer" / "events.jsonl",
                        "{\"ts_ms\":" + std::to_string(until - 1'800'000) +
                            ",\"kind\":\"event\",\"type\":\"backoff_set\",\"detail\":{\"backoff_until_ts_ms\":" +
@@ -392,9 +399,9 @@ protected:
     // The tick's status and what it printed.
     std::pair<int, std::string> runHere() {
         ::testing::internal::CaptureStdout();
-        startMs = wallClockMs();
-        const int status = tick::runTick(platform);
-        endMs = wallClockMs();
+        startMs = clock.wallMs();
+        const int status = tick::runTick(platform, clock);
+        endMs = clock.wallMs();
         return {status, ::testing::internal::GetCapturedStdout()};
     }
 
@@ -513,7 +520,9 @@ TEST_F(TickInProcess, AFailedModelCallAfterACaptureLeavesNoRowInAnyLog) {
     cadenceJudgedAgo(10'000, "Mail");
     const std::string before = testing::readFile(cadencePath());
     server.enqueue(chatPath, Reply::json(500, R"({"error":{"code":500,"message":"boom","type":"server_error"}})"));
-    EXPECT_EXIT(tick::runTick(platform), ::testing::ExitedWithCode(1), "FAIL: ");
+    const auto result = testing::runVerbInProcess([&] { return tick::runTick(platform, clock); }, {});
+    EXPECT_EQ(result.exitStatus, 1);
+    EXPECT_NE(result.standardError.find("FAIL: "), std::string::npos) << result.standardError;
     EXPECT_EQ(testing::readFile(cadencePath()), before);
     expectNoLogRows();
 }

@@ -49,12 +49,6 @@ namespace {
 
 constexpr const char* processName = "aimwise";
 
-int64_t nowMs() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
-}
-
 int usage(const std::string& message) {
     std::fprintf(stderr, "aimwise: %s\n%s", message.c_str(), usageText);
     return 2;
@@ -94,16 +88,14 @@ std::string summarised(const std::string& body) {
     return "\"" + task + "\"" + (notes.empty() ? "" : " (" + join(notes, "; ") + ")");
 }
 
-int runTask(const std::vector<std::string>& arguments) {
+int runTask(const std::vector<std::string>& arguments, const Clock& clock) {
     const TaskRequest request = parseTask(arguments);
     if (const auto* error = std::get_if<UsageError>(&request)) return usage(error->message);
     if (!DataPaths::isDataRootAvailable())
         return failed(DataPaths::dataRootUnavailableReason().value_or("the data root is not available") +
                       " — nothing was recorded. Run `aimwise init PATH` first.");
     try {
-        EventLogWriter::append(taskEvent(request, nowMs()), DataPaths::eventsLog(), processName);
-    } catch (const EventLogWriterError& error) {
-        return failed("could not append to " + DataPaths::eventsLog().string() + ": " + error.description());
+        EventLogWriter::append(taskEvent(request, clock.wallMs()), DataPaths::eventsLog(), processName);
     } catch (const std::exception& error) {
         return failed("could not append to " + DataPaths::eventsLog().string() + ": " + error.what());
     }
@@ -189,8 +181,8 @@ std::string modelLine() {
     }
 }
 
-int runStatus() {
-    const int64_t now = nowMs();
+int runStatus(const Clock& clock) {
+    const int64_t now = clock.wallMs();
     line(AgentConfig::describe(AgentConfig::dataRootStatus()));
     line(taskLine());
     for (const auto& verdict : verdictLines()) line(verdict);
@@ -295,7 +287,7 @@ EventLogEvent taskEvent(const TaskRequest& request, int64_t nowMs) {
     return event;
 }
 
-int run(const std::vector<std::string>& arguments) {
+int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (arguments.empty()) return usage("no command given");
     const std::string& command = arguments.front();
     const std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
@@ -303,9 +295,9 @@ int run(const std::vector<std::string>& arguments) {
         std::fputs(usageText, stdout);
         return 0;
     }
-    if (command == "task") return runTask(rest);
+    if (command == "task") return runTask(rest, clock);
     if (command == "models") return ModelsVerb::run(rest);
-    if (command == "status") return rest.empty() ? runStatus() : usage("status takes no arguments");
+    if (command == "status") return rest.empty() ? runStatus(clock) : usage("status takes no arguments");
     if (command == "init") return runInit(rest);
     if (command == "memory") return MemoryVerb::run(rest);
     if (command == "label") return LabelVerb::run(rest);

@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "AimwiseCore/events/event_log_event.h"
+#include "CaptureShared/common/clock.h"
 
 namespace aimwise::AimwiseCommand {
 
@@ -32,7 +33,7 @@ TaskRequest parseTask(const std::vector<std::string>& arguments);
 EventLogEvent taskEvent(const TaskRequest& request, int64_t nowMs);
 
 // Dispatches `arguments` (without the program name); returns the exit status.
-int run(const std::vector<std::string>& arguments);
+int run(const std::vector<std::string>& arguments, const Clock& clock);
 
 extern const char* const usageText;
 

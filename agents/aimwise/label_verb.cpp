@@ -210,7 +210,7 @@ void Session::openClip(const Moment& moment) {
     say("  Making the review clip of the hour before this moment…\n");
     const auto outcome =
         BoundedProcess::run(tool.string(),
-                            {"ramp", IsoDate::format(moment.atMs), "--display",
+                            {"ramp", ISODate::format(moment.atMs), "--display",
                              std::to_string(HistoricalWindowContent::primaryDisplay), "--bridge"},
                             rampTimeoutSec);
     const auto* finished = std::get_if<BoundedProcess::Finished>(&outcome);

@@ -7,5 +7,6 @@
 
 int main(int argc, char** argv) {
     aimwise::AgentUmask::apply();
-    return aimwise::AimwiseCommand::run(std::vector<std::string>(argv + 1, argv + argc));
+    return aimwise::AimwiseCommand::run(std::vector<std::string>(argv + 1, argv + argc),
+                                          aimwise::Clock::system());
 }

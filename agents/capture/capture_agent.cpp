@@ -1,8 +1,5 @@
 #include "agents/capture/capture_agent.h"
 
-#include <time.h>
-#include <unistd.h>
-
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -14,40 +11,34 @@
 #include "agents/capture/idle_split.h"
 #include "agents/capture/signals_writer.h"
 #include "agents/capture/tick_record.h"
-#include "agents/capture/x11_desktop.h"
-#include "agents/common/monotonic_clock.h"
+#include "platform/desktop_session.h"
 
 namespace aimwise {
 
 namespace {
 
-int64_t wallMs() {
-    timespec now{};
-    clock_gettime(CLOCK_REALTIME, &now);
-    return int64_t(now.tv_sec) * 1000 + now.tv_nsec / 1'000'000;
+void say(const std::string& message) {
+    std::fprintf(stderr, "aimwise-capture: %s\n", message.c_str());
 }
 
-void say(const std::string& message) { std::fprintf(stderr, "aimwise-capture: %s\n", message.c_str()); }
-
 // Sleeps until `deadlineMs` (monotonic) in short steps, so that a stop request is seen promptly.
-void sleepUntil(int64_t deadlineMs, const std::atomic<bool>& stop) {
+void sleepUntil(int64_t deadlineMs, const std::atomic<bool>& stop, const Clock& clock) {
     while (!stop.load()) {
-        const int64_t left = deadlineMs - monotonicMs();
+        const int64_t left = deadlineMs - clock.monotonicMs();
         if (left <= 0) return;
-        const int64_t step = std::min<int64_t>(left, 250);
-        timespec pause{static_cast<time_t>(step / 1000), static_cast<long>(step % 1000) * 1'000'000};
-        nanosleep(&pause, nullptr);
+        clock.sleepMs(std::min<int64_t>(left, 250));
     }
 }
 
 class Agent {
-public:
-    Agent(const CaptureOptions& options) : options_(options), lock_(options.sessionLock) {}
+  public:
+    Agent(const CaptureOptions& options, const Clock& clock)
+        : options_(options), clock_(clock), lock_(options.sessionLock) {}
 
     // True when an instant was written.
     bool step(int64_t nowMonotonic) {
         if (!dataRootReady(nowMonotonic)) return false;
-        if (std::holds_alternative<SignalsStaleness::PauseActive>(currentRecordingPause(wallMs()))) {
+        if (std::holds_alternative<SignalsStaleness::PauseActive>(currentRecordingPause(clock_.wallMs()))) {
             if (!pausedSaid_) say("recording is paused; writing nothing until the pause ends");
             pausedSaid_ = true;
             return false;
@@ -60,27 +51,29 @@ public:
         if (!writer_ && !openWriter()) return false;
 
         std::optional<IdleSplit::Reading> idle;
-        if (snapshot->idleSec) idle = idleSplit_.update(nowMonotonic, *snapshot->idleSec, {snapshot->pointerX, snapshot->pointerY});
+        if (snapshot->idleSec)
+            idle =
+                idleSplit_.update(nowMonotonic, *snapshot->idleSec, {snapshot->pointerX, snapshot->pointerY});
         if (!power_ || nowMonotonic - powerReadAtMs_ >= options_.powerRefreshMs) {
-            power_ = PowerSupply::read(options_.powerSupplyRoot);
+            power_ = PowerSource::readTickColumns(options_.powerSupplyRoot);
             powerReadAtMs_ = nowMonotonic;
         }
         const auto locked = lock_.locked(nowMonotonic);
-        writer_->write(buildTickRecord(wallMs(), *snapshot, idle, locked, *power_, EventLog::read()));
+        writer_->write(buildTickRecord(clock_.wallMs(), *snapshot, idle, locked, *power_, EventLog::read()));
         return true;
     }
 
     int64_t nextDelayMs() const { return rootMissing_ ? options_.rootRetryMs : options_.intervalMs; }
 
-private:
+  private:
     bool dataRootReady(int64_t nowMonotonic) {
         if (!DataPaths::isDataRootAvailable()) {
             // Let go of the file so that the volume can be unmounted.
             writer_.reset();
             if (!rootMissing_)
                 say(DataPaths::dataRootUnavailableReason().value_or("the data root is not available") +
-                    " — recording nothing; checking again every " + std::to_string(options_.rootRetryMs / 1000) +
-                    " s");
+                    " — recording nothing; checking again every " +
+                    std::to_string(options_.rootRetryMs / 1000) + " s");
             rootMissing_ = true;
             return false;
         }
@@ -108,19 +101,20 @@ private:
 
     std::optional<DesktopSnapshot> sampleDesktop(int64_t nowMonotonic) {
         if (!desktop_ && nowMonotonic >= nextDisplayAttemptMs_) {
-            desktop_ = X11Desktop::connect(options_.display);
+            desktop_ = DesktopSession::connect(options_.display);
             if (desktop_) {
                 if (displayMissing_) say("connected to the X display again");
                 displayMissing_ = false;
             } else {
-                if (!displayMissing_) say("cannot open X display \"" + displayName() + "\"; retrying every " +
-                                          std::to_string(options_.displayRetryMs / 1000) + " s");
+                if (!displayMissing_)
+                    say("cannot open X display \"" + displayName() + "\"; retrying every " +
+                        std::to_string(options_.displayRetryMs / 1000) + " s");
                 displayMissing_ = true;
                 nextDisplayAttemptMs_ = nowMonotonic + options_.displayRetryMs;
             }
         }
         if (!desktop_) return std::nullopt;
-        auto snapshot = desktop_->sample();
+        auto snapshot = desktop_->sample(nowMonotonic);
         if (!snapshot) {
             say("lost the connection to the X display; recording nothing until it is back");
             desktop_.reset();
@@ -137,11 +131,12 @@ private:
     }
 
     const CaptureOptions& options_;
+    const Clock& clock_;
     SessionLock lock_;
     IdleSplit idleSplit_;
-    std::unique_ptr<X11Desktop> desktop_;
+    std::unique_ptr<DesktopSession> desktop_;
     std::unique_ptr<SignalsWriter> writer_;
-    std::optional<PowerSupply::Reading> power_;
+    std::optional<PowerSource::TickColumns> power_;
     int64_t powerReadAtMs_ = 0;
     int64_t nextDisplayAttemptMs_ = 0;
     bool rootMissing_ = false;
@@ -155,21 +150,23 @@ std::optional<std::string> waylandNotice(const Environment& environment) {
     const bool wayland = lookup(environment, "XDG_SESSION_TYPE") == "wayland" ||
                          !lookup(environment, "WAYLAND_DISPLAY").value_or("").empty();
     if (!wayland) return std::nullopt;
-    return "this is a Wayland session: only applications running through XWayland are visible. Their windows, "
-           "titles and the front window among them are recorded; native Wayland windows are not, and idle time "
+    return "this is a Wayland session: only applications running through XWayland are visible. Their "
+           "windows, "
+           "titles and the front window among them are recorded; native Wayland windows are not, and idle "
+           "time "
            "counts only input that XWayland sees.";
 }
 
-int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop) {
-    Agent agent(options);
-    if (options.once) return agent.step(monotonicMs()) ? 0 : 1;
-    int64_t deadline = monotonicMs();
+int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop, const Clock& clock) {
+    Agent agent(options, clock);
+    if (options.once) return agent.step(clock.monotonicMs()) ? 0 : 1;
+    int64_t deadline = clock.monotonicMs();
     while (!stop.load()) {
-        agent.step(monotonicMs());
+        agent.step(clock.monotonicMs());
         deadline += agent.nextDelayMs();
         // After a long stall (a suspended machine) start afresh rather than catching up.
-        if (deadline < monotonicMs()) deadline = monotonicMs() + agent.nextDelayMs();
-        sleepUntil(deadline, stop);
+        if (deadline < clock.monotonicMs()) deadline = clock.monotonicMs() + agent.nextDelayMs();
+        sleepUntil(deadline, stop, clock);
     }
     return 0;
 }

@@ -7,10 +7,11 @@
 #include <optional>
 #include <string>
 
+#include "CaptureShared/common/clock.h"
 #include "CaptureShared/common/environment.h"
 
-#include "agents/capture/power_supply.h"
 #include "agents/capture/session_lock.h"
+#include "platform/power_source.h"
 
 namespace aimwise {
 
@@ -23,13 +24,13 @@ struct CaptureOptions {
     int64_t powerRefreshMs = 10'000;
     // Sample once, write it, and stop: for scripts and the first check after setup.
     bool once = false;
-    std::filesystem::path powerSupplyRoot = PowerSupply::defaultRoot;
+    std::filesystem::path powerSupplyRoot = PowerSource::sysfsRoot;
     SessionLock::Options sessionLock;
 };
 
 // Returns the exit status: 0 after `stop` was set (or after one sample with `once`), 1 when
 // `once` could not sample.
-int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop);
+int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop, const Clock& clock);
 
 // A note for standard error when the session is Wayland, where only XWayland windows are seen.
 std::optional<std::string> waylandNotice(const Environment& environment);

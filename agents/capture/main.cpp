@@ -82,5 +82,5 @@ int main(int argc, char** argv) {
     // A dead X server must not kill us through a write on its socket.
     signal(SIGPIPE, SIG_IGN);
 
-    return runCaptureAgent(options, stopRequested);
+    return runCaptureAgent(options, stopRequested, Clock::system());
 }

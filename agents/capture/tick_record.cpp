@@ -1,11 +1,11 @@
 #include "agents/capture/tick_record.h"
 
-#include "agents/capture/app_identity.h"
+#include "platform/app_identity.h"
 
 namespace aimwise {
 
 TickRecord buildTickRecord(int64_t tsMs, const DesktopSnapshot& snapshot, const std::optional<IdleSplit::Reading>& idle,
-                           std::optional<bool> lockedHint, const PowerSupply::Reading& power,
+                           std::optional<bool> lockedHint, const PowerSource::TickColumns& power,
                            const std::optional<std::string>& declaredTask) {
     TickRecord record;
     record.tsMs = tsMs;

@@ -6,8 +6,8 @@
 #include <vector>
 
 #include "agents/capture/idle_split.h"
-#include "agents/capture/power_supply.h"
-#include "agents/capture/x11_desktop.h"
+#include "platform/desktop_session.h"
+#include "platform/power_source.h"
 
 namespace aimwise {
 
@@ -21,7 +21,7 @@ struct TickRecord {
     std::optional<std::string> browserTitle;
     std::optional<bool> screenLocked;
     std::optional<bool> screensaverActive;
-    PowerSupply::Reading power;
+    PowerSource::TickColumns power;
     std::optional<std::string> declaredTask;
     std::vector<DesktopWindow> windows;
 };
@@ -32,8 +32,9 @@ inline constexpr const char* lockScreenApp = "loginwindow";
 // `lockedHint` is logind's answer when it gave one; without it the screen saver stands in for the
 // lock. A locked screen shows nothing of the windows behind it. An empty declared task (one that
 // was cleared) is written as NULL.
-TickRecord buildTickRecord(int64_t tsMs, const DesktopSnapshot& snapshot, const std::optional<IdleSplit::Reading>& idle,
-                           std::optional<bool> lockedHint, const PowerSupply::Reading& power,
+TickRecord buildTickRecord(int64_t tsMs, const DesktopSnapshot& snapshot,
+                           const std::optional<IdleSplit::Reading>& idle, std::optional<bool> lockedHint,
+                           const PowerSource::TickColumns& power,
                            const std::optional<std::string>& declaredTask);
 
 }  // namespace aimwise

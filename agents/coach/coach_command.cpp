@@ -25,7 +25,7 @@ int usage(const std::string& message) {
 }  // namespace
 
 std::optional<int64_t> parseTime(const std::string& text) {
-    if (const auto withZone = IsoDate::parse(text)) return withZone;
+    if (const auto withZone = ISODate::parse(text)) return withZone;
     return ProjectionDateParsing::parseLocalUncached(text);
 }
 

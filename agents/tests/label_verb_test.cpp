@@ -6,6 +6,7 @@
 
 #include "AimwiseCore/classifier/labels_writer.h"
 #include "AimwiseCore/coach/projection_date_parsing.h"
+#include "CaptureShared/common/local_time.h"
 #include "agents/tests/agent_test_support.h"
 #include "tests/support/run_process.h"
 
@@ -26,7 +27,7 @@ protected:
             log += fmt::format(
                 R"({{"at":"{}","state":"{}","frontmost_app":"{}","frontmost_window_title":"card 4111 1111 1111 1111","reason":"{}","confidence":0.9,"declared_task":"write the report"}})"
                 "\n",
-                ProjectionDateParsing::formatLocal(ms), state, app, reason);
+                LocalTime::format(ms), state, app, reason);
         testing::writeFile(sandbox.root / "checker-log.jsonl", log);
         testing::writeFile(sandbox.root / "classifier-describe.jsonl",
                            fmt::format(R"({{"v":1,"atMs":{},"describe":"A video site in a browser."}})" "\n",

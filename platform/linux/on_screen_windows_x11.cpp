@@ -2,13 +2,12 @@
 // the window list (a tick that skips) does not pay for loading the X client libraries.
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
-#include <dlfcn.h>
 
 #include <cstdlib>
 #include <deque>
-#include <mutex>
 #include <optional>
 
+#include "CaptureShared/common/shared_library.h"
 #include "platform/on_screen_windows.h"
 
 namespace aimwise::OnScreenWindows {
@@ -25,26 +24,28 @@ struct Xlib {
     decltype(&::XSync) sync;
 };
 
-template <typename F>
-bool bind(void* library, const char* name, F& function) {
-    function = reinterpret_cast<F>(::dlsym(library, name));
-    return function != nullptr;
-}
-
+// Nothing when libX11 cannot be loaded: then there is no display to ask.
 const Xlib* loadXlib() {
-    static std::once_flag once;
-    static std::optional<Xlib> xlib;
-    std::call_once(once, [] {
-        // Never closed: Xlib registers handlers that would dangle.
-        void* library = ::dlopen("libX11.so.6", RTLD_LAZY | RTLD_LOCAL);
-        if (!library) return;
-        Xlib x{};
-        if (bind(library, "XOpenDisplay", x.openDisplay) && bind(library, "XCloseDisplay", x.closeDisplay) &&
-            bind(library, "XQueryTree", x.queryTree) && bind(library, "XGetWindowAttributes", x.getWindowAttributes) &&
-            bind(library, "XGetClassHint", x.getClassHint) && bind(library, "XFree", x.free) &&
-            bind(library, "XSetErrorHandler", x.setErrorHandler) && bind(library, "XSync", x.sync))
-            xlib = x;
-    });
+    static const std::optional<Xlib> xlib = []() -> std::optional<Xlib> {
+        try {
+            static const SharedLibrary library("libX11.so.6", "The on-screen window list", "libx11-6");
+            Xlib x{};
+            const auto bind = [&](const char* name, auto& function) {
+                function = library.function<std::remove_reference_t<decltype(function)>>(name);
+            };
+            bind("XOpenDisplay", x.openDisplay);
+            bind("XCloseDisplay", x.closeDisplay);
+            bind("XQueryTree", x.queryTree);
+            bind("XGetWindowAttributes", x.getWindowAttributes);
+            bind("XGetClassHint", x.getClassHint);
+            bind("XFree", x.free);
+            bind("XSetErrorHandler", x.setErrorHandler);
+            bind("XSync", x.sync);
+            return x;
+        } catch (const SharedLibraryError&) {
+            return std::nullopt;
+        }
+    }();
     return xlib ? &*xlib : nullptr;
 }
 

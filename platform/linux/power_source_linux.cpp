@@ -83,4 +83,33 @@ std::optional<BatteryReading> readBattery(const fs::path& root) {
     return std::nullopt;
 }
 
+TickColumns tickColumns(const Snapshot& snapshot, const std::optional<BatteryReading>& battery) {
+    TickColumns reading;
+    if (battery) {
+        reading.batteryPct = battery->capacityPercent;
+        if (!reading.batteryPct) {
+            const auto now = battery->energyMwh ? battery->energyMwh : battery->chargeMah;
+            const auto full = battery->energyMwh ? battery->energyFullMwh : battery->chargeFullMah;
+            if (now && full && *full > 0) reading.batteryPct = std::min<int64_t>(*now * 100 / *full, 100);
+        }
+        reading.voltageMv = battery->voltageMv;
+        if (battery->currentMa) {
+            const int64_t magnitude = *battery->currentMa < 0 ? -*battery->currentMa : *battery->currentMa;
+            reading.instantAmperageMa = battery->status == "Discharging" ? -magnitude : magnitude;
+        }
+        reading.fullChargeCapacityMah = battery->chargeFullMah;
+        // Batteries that count energy: mWh over the present voltage in V.
+        if (!reading.fullChargeCapacityMah && battery->energyFullMwh && battery->voltageMv && *battery->voltageMv > 0)
+            reading.fullChargeCapacityMah = *battery->energyFullMwh * 1000 / *battery->voltageMv;
+        if (battery->status == "Discharging") reading.acPlugged = false;
+        else if (battery->status == "Charging" || battery->status == "Full" || battery->status == "Not charging")
+            reading.acPlugged = true;
+    }
+    // The charger's own word beats what the battery's state suggests.
+    if (snapshot.isPluggedIn) reading.acPlugged = snapshot.isPluggedIn;
+    return reading;
+}
+
+TickColumns readTickColumns(const fs::path& root) { return tickColumns(read(root), readBattery(root)); }
+
 }  // namespace aimwise::PowerSource

@@ -11,7 +11,7 @@ using testing::writeFile;
 
 // A sysfs-shaped directory: one folder per supply, one file per attribute.
 class PowerSourceTest : public ::testing::Test {
-protected:
+  protected:
     void supply(const std::string& name, const std::map<std::string, std::string>& attributes) {
         for (const auto& [key, value] : attributes) writeFile(dir / name / key, value + "\n");
     }
@@ -54,6 +54,46 @@ TEST_F(PowerSourceTest, BatteryCountersAreConvertedAndAbsentOnesStayAbsent) {
     expected.chargeFullMah = 5000;
     expected.capacityPercent = 80;
     EXPECT_EQ(*reading, expected);
+}
+
+// The capture agent's columns over the same readings.
+TEST_F(PowerSourceTest, TickColumnsALaptopBatteryAndItsChargerFillEveryColumnTheyCan) {
+    supply("AC", {{"type", "Mains"}, {"online", "0"}});
+    supply("BAT0", {{"type", "Battery"},
+                    {"status", "Discharging"},
+                    {"capacity", "76"},
+                    {"voltage_now", "11850000"},
+                    {"current_now", "1520000"},
+                    {"charge_full", "4520000"}});
+    // A wireless mouse's battery is not the machine's.
+    supply("hidpp_battery_0", {{"type", "Battery"}, {"scope", "Device"}, {"capacity", "5"}});
+    const auto reading = PowerSource::readTickColumns(dir.path());
+    EXPECT_EQ(reading, (PowerSource::TickColumns{76, false, 11850, -1520, 4520}));
+}
+
+TEST_F(PowerSourceTest, TickColumnsMissingFieldsStayEmptyAndEnergyCountersStandInForCharge) {
+    supply("BAT1", {{"type", "Battery"},
+                    {"status", "Charging"},
+                    {"energy_now", "30000000"},
+                    {"energy_full", "40000000"},
+                    {"voltage_now", "10000000"}});
+    const auto reading = PowerSource::readTickColumns(dir.path());
+    EXPECT_EQ(reading.batteryPct, 75);
+    EXPECT_EQ(reading.acPlugged, true);  // charging means plugged in when no charger reports
+    EXPECT_EQ(reading.fullChargeCapacityMah, 4000);
+    EXPECT_EQ(reading.instantAmperageMa, std::nullopt);
+}
+
+TEST_F(PowerSourceTest, TickColumnsADesktopHasNoBatteryAndUnreadableValuesAreNotGuessed) {
+    testing::TempDir empty;
+    EXPECT_EQ(PowerSource::readTickColumns(empty.path()), PowerSource::TickColumns{});
+    EXPECT_EQ(PowerSource::readTickColumns(empty / "absent"), PowerSource::TickColumns{});
+
+    supply("ucsi-source-psy-USBC000:001", {{"type", "USB"}, {"online", "1"}});
+    supply("BAT0", {{"type", "Battery"}, {"capacity", "n/a"}, {"status", "Unknown"}});
+    const auto reading = PowerSource::readTickColumns(dir.path());
+    EXPECT_EQ(reading.batteryPct, std::nullopt);
+    EXPECT_EQ(reading.acPlugged, true);
 }
 
 }  // namespace

@@ -1,4 +1,4 @@
-#include "agents/capture/x11_desktop.h"
+#include "platform/desktop_session.h"
 
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
@@ -11,8 +11,7 @@
 #include <map>
 #include <set>
 
-#include "agents/capture/app_identity.h"
-#include "agents/common/monotonic_clock.h"
+#include "platform/app_identity.h"
 
 namespace aimwise {
 
@@ -53,7 +52,9 @@ std::string latin1ToUTF8(const unsigned char* bytes, size_t length) {
 
 }  // namespace
 
-struct X11Desktop::Impl {
+namespace {
+
+struct X11DesktopSession final : DesktopSession {
     struct Tracked {
         bool staticKnown = false;
         bool dynamicKnown = false;
@@ -86,10 +87,10 @@ struct X11Desktop::Impl {
     bool activeFromHints = false;
     bool listDirty = true;
     bool activeDirty = true;
-    int64_t lastFullRefreshMs = 0;
+    std::optional<int64_t> lastFullRefreshMs;
     Window lastFocus = 0;
 
-    ~Impl() {
+    ~X11DesktopSession() override {
         if (screenSaverInfo) XFree(screenSaverInfo);
         if (display) XCloseDisplay(display);
     }
@@ -364,11 +365,13 @@ struct X11Desktop::Impl {
         return out;
     }
 
-    std::optional<DesktopSnapshot> sample() {
+    bool lost() const override { return connectionLost; }
+
+    std::optional<DesktopSnapshot> sample(int64_t now) override {
         if (connectionLost) return std::nullopt;
         drainEvents();
-        const int64_t now = monotonicMs();
-        if (now - lastFullRefreshMs >= fullRefreshIntervalMs) {
+        if (!lastFullRefreshMs) lastFullRefreshMs = now;
+        if (now - *lastFullRefreshMs >= fullRefreshIntervalMs) {
             markAllDirty();
             lastFullRefreshMs = now;
         }
@@ -398,13 +401,11 @@ struct X11Desktop::Impl {
     }
 };
 
-namespace {
-
-void connectionLostHandler(Display*, void* impl) { static_cast<X11Desktop::Impl*>(impl)->connectionLost = true; }
+void connectionLostHandler(Display*, void* session) { static_cast<X11DesktopSession*>(session)->connectionLost = true; }
 
 }  // namespace
 
-std::unique_ptr<X11Desktop> X11Desktop::connect(const std::string& displayName) {
+std::unique_ptr<DesktopSession> DesktopSession::connect(const std::string& displayName) {
     static const bool handlersInstalled = [] {
         XSetErrorHandler(countError);
         XSetIOErrorHandler(quietIOError);
@@ -414,7 +415,7 @@ std::unique_ptr<X11Desktop> X11Desktop::connect(const std::string& displayName) 
 
     Display* display = XOpenDisplay(displayName.empty() ? nullptr : displayName.c_str());
     if (!display) return nullptr;
-    auto impl = std::make_unique<Impl>();
+    auto impl = std::make_unique<X11DesktopSession>();
     impl->display = display;
     XSetIOErrorExitHandler(display, connectionLostHandler, impl.get());
     impl->root = DefaultRootWindow(display);
@@ -440,15 +441,8 @@ std::unique_ptr<X11Desktop> X11Desktop::connect(const std::string& displayName) 
     impl->screenSaverExtension = XScreenSaverQueryExtension(display, &eventBase, &errorBase);
     if (impl->screenSaverExtension) impl->screenSaverInfo = XScreenSaverAllocInfo();
     XSelectInput(display, impl->root, PropertyChangeMask | SubstructureNotifyMask);
-    impl->lastFullRefreshMs = monotonicMs();
     if (impl->connectionLost) return nullptr;
-    return std::unique_ptr<X11Desktop>(new X11Desktop(std::move(impl)));
+    return impl;
 }
-
-X11Desktop::X11Desktop(std::unique_ptr<Impl> impl) : impl_(std::move(impl)) {}
-X11Desktop::~X11Desktop() = default;
-
-std::optional<DesktopSnapshot> X11Desktop::sample() { return impl_->sample(); }
-bool X11Desktop::lost() const { return impl_->connectionLost; }
 
 }  // namespace aimwise

@@ -1,4 +1,4 @@
-#include "agents/capture/app_identity.h"
+#include "platform/app_identity.h"
 
 #include <algorithm>
 #include <array>

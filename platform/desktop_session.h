@@ -1,6 +1,7 @@
 #pragma once
-// The X11 session as the capture agent samples it: the front window, the mapped top-level
-// windows in stacking order, idle time, pointer and screen saver. Only x11_desktop.cpp sees Xlib.
+// The desktop session as the capture agent samples it: the front window, the mapped top-level
+// windows in stacking order, idle time, pointer and screen saver. On Linux it is the X11 session,
+// and only linux/desktop_session_x11.cpp sees Xlib.
 //
 // Window properties are kept between samples and fetched again only for windows that reported a
 // change (the agent listens for property, structure and stacking events), so a quiet desktop costs
@@ -28,28 +29,22 @@ struct DesktopWindow {
 struct DesktopSnapshot {
     std::optional<DesktopWindow> front;
     std::vector<DesktopWindow> windows;  // front to back
-    std::optional<double> idleSec;  // nothing without the screen saver extension
+    std::optional<double> idleSec;       // nothing without the screen saver extension
     bool screensaverActive = false;
     int pointerX = 0, pointerY = 0;
 };
 
-class X11Desktop {
-public:
-    // Nothing when the display cannot be opened.
-    static std::unique_ptr<X11Desktop> connect(const std::string& displayName);
-    ~X11Desktop();
-    X11Desktop(const X11Desktop&) = delete;
-    X11Desktop& operator=(const X11Desktop&) = delete;
+class DesktopSession {
+  public:
+    virtual ~DesktopSession() = default;
+
+    // The session of the named display (empty: $DISPLAY), or nothing when it cannot be opened.
+    static std::unique_ptr<DesktopSession> connect(const std::string& displayName);
 
     // Nothing once the connection is lost; the caller then drops this object and connects anew.
-    std::optional<DesktopSnapshot> sample();
-    bool lost() const;
-
-    struct Impl;
-
-private:
-    explicit X11Desktop(std::unique_ptr<Impl> impl);
-    std::unique_ptr<Impl> impl_;
+    // The time, on a monotonic clock, paces the occasional full refresh of window properties.
+    virtual std::optional<DesktopSnapshot> sample(int64_t nowMonotonicMs) = 0;
+    virtual bool lost() const = 0;
 };
 
 }  // namespace aimwise
