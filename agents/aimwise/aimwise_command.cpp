@@ -37,6 +37,7 @@ const char* const usageText =
     "  task --clear                           clear the declaration\n"
     "  status                                 task, newest verdict, signals and model at a glance\n"
     "  memory                                 what the coach remembers about you, and where it came from\n"
+    "  memory forget TEXT                     have the coach's memory leave out whatever mentions TEXT\n"
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"
     "  uninstall-services                     stop, disable and remove them\n";
