@@ -140,8 +140,8 @@ std::span<const EventLogEvent> eventsIn(std::span<const EventLogEvent> events, P
     return events.subspan(static_cast<size_t>(first - events.begin()), static_cast<size_t>(last - first));
 }
 
-Assessment assess(const fs::path& dataRoot, std::span<const EventLogEvent> events, int64_t asOfMs,
-                  int64_t stepIntervalSec) {
+Assessment assess(const PassContext& context, std::span<const EventLogEvent> events) {
+    const fs::path& dataRoot = context.dataRoot;
     Assessment a;
     a.digests = MemoryStore::readAllDigests(dataRoot);
     a.startsOnDisk = digestStartsOnDisk(dataRoot);
@@ -153,8 +153,11 @@ Assessment assess(const fs::path& dataRoot, std::span<const EventLogEvent> event
     std::optional<int64_t> lastEnd;
     for (const auto& digest : a.digests) lastEnd = std::max(lastEnd.value_or(digest.periodEndTsMs), digest.periodEndTsMs);
     const auto counted = countedEvents(events, a.wipeAtMs);
-    const auto earliest = counted.empty() ? std::nullopt : std::optional<int64_t>(counted.front().tsMs);
-    for (const Period& period : pendingPeriods(lastEnd, earliest, asOfMs, stepIntervalSec))
+    std::optional<int64_t> earliest = counted.empty() ? std::nullopt : std::optional<int64_t>(counted.front().tsMs);
+    const int64_t floor = std::max(earliestPlausibleEventMs, a.wipeAtMs.value_or(0));
+    if (context.earliestEventMs && *context.earliestEventMs >= floor)
+        earliest = std::min(earliest.value_or(*context.earliestEventMs), *context.earliestEventMs);
+    for (const Period& period : pendingPeriods(lastEnd, earliest, context.asOfMs, context.stepIntervalSec))
         if (!a.startsOnDisk.contains(period.startMs)) a.pending.push_back(period);
 
     const auto standing = MemoryWipeFilter::standingMemory(a.standing.memory, a.wipeAtMs);
@@ -320,7 +323,7 @@ std::optional<PassStop> Pass::fold(std::optional<int64_t> limit) {
 }
 
 PassOutcome Pass::run(std::optional<int64_t> backfillLimit) {
-    Assessment assessment = assess(context_.dataRoot, events_, context_.asOfMs, context_.stepIntervalSec);
+    Assessment assessment = assess(context_, events_);
     try {
         if (mode_ == Mode::standing) {
             std::string status = std::to_string(assessment.startsOnDisk.size()) + " digest(s) on disk, " +
@@ -357,11 +360,11 @@ PassOutcome Pass::run(std::optional<int64_t> backfillLimit) {
 
         if (mode_ == Mode::backfill) return outcome(fold(backfillLimit));
         // Another pass may have finished while this one was deciding: look again under the lock.
-        assessment = assess(context_.dataRoot, events_, context_.asOfMs, context_.stepIntervalSec);
+        assessment = assess(context_, events_);
         if (auto stop = digestPending(assessment)) return outcome(stop);
         if (mode_ == Mode::sequential) return outcome(fold(std::nullopt));
         if (written_ > 0 || assessment.needsRegeneration()) {
-            assessment = assess(context_.dataRoot, events_, context_.asOfMs, context_.stepIntervalSec);
+            assessment = assess(context_, events_);
             if (auto stop = regenerate(std::move(assessment))) return outcome(stop);
         }
         return outcome(std::nullopt);

@@ -114,6 +114,9 @@ struct PassContext {
     const Clock* clock = &Clock::system();
     // Events for io-layer/events.jsonl (a failed pass, a degenerate memory).
     std::function<void(const EventLogEvent&)> record;
+    // When `events` hold only the kinds a digest renders: the first event of any kind, where the
+    // periods start (PeriodRendering::readForDigests gives both).
+    std::optional<int64_t> earliestEventMs;
 };
 
 // `events` sorted by time, as EventLogReader gives them. Every pass honours the wipe and forget logs,

@@ -25,9 +25,11 @@ namespace fs = std::filesystem;
 
 namespace {
 
-// A classifier tick line is about 500 bytes and the log holds one every half minute at most, so
-// the last 64 KiB reach back well past the three minutes that presence looks at.
-constexpr size_t tailBytes = 65'536;
+// A classifier tick line is about 500 bytes and the log holds one every half minute at most, so the
+// last 8 KiB hold the three minutes that presence looks at. The event log's last 16 KiB give its
+// newest event and a failed pass that nothing has followed since.
+constexpr size_t tickTailBytes = 8'192;
+constexpr size_t eventTailBytes = 16'384;
 
 std::optional<int64_t> firstEventAtOrAfter(const fs::path& path, int64_t floorMs) {
     std::ifstream in(path);
@@ -126,7 +128,7 @@ Inputs read(const fs::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec) {
 
     // The job's own lines are not the person's activity; a failed pass ended a pass all the same, and
     // backing off from it keeps a missing model server from costing a failure every half hour.
-    for (const auto& line : tailLines(events, tailBytes)) {
+    for (const auto& line : tailLines(events, eventTailBytes)) {
         const auto event = EventLogEvent::decode(line);
         if (!event) continue;
         if (event->source != MemoryConsolidationEvents::source)
@@ -136,7 +138,7 @@ Inputs read(const fs::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec) {
     }
 
     std::vector<ClassifierTick> ticks;
-    for (const auto& line : tailLines(dataRoot / "checker-log.jsonl", tailBytes))
+    for (const auto& line : tailLines(dataRoot / "checker-log.jsonl", tickTailBytes))
         if (auto tick = ClassifierTick::decode(line)) ticks.push_back(std::move(*tick));
     snapshot.presence = DreamSchedule::presence(ticks, asOfMs);
     return inputs;

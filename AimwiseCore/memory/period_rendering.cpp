@@ -1,5 +1,10 @@
 #include "AimwiseCore/memory/period_rendering.h"
 
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <string_view>
+
 #include "AimwiseCore/coach/coach_gate_timeline.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/common/utf8.h"
@@ -63,6 +68,34 @@ std::optional<std::string> text(const EventLogEvent& event) {
         return "conversation ended, task: " + (task.empty() ? std::string("(no task)") : task);
     }
     return std::nullopt;
+}
+
+LogForDigests readForDigests(const std::filesystem::path& eventsLog, int64_t floorMs) {
+    static constexpr std::string_view rendered[] = {"task_declared",          "checker_output_sent",
+                                                    "checker_input_received", "app_chat_message",
+                                                    "app_project_link_asserted", "coach_session"};
+    LogForDigests log;
+    std::error_code error;
+    if (!std::filesystem::exists(eventsLog, error)) return log;
+    std::ifstream in(eventsLog, std::ios::binary);
+    if (!in) throw std::filesystem::filesystem_error("could not read the event log", eventsLog,
+                                                     std::make_error_code(std::errc::permission_denied));
+    std::string line;
+    while (std::getline(in, line)) {
+        const bool candidate = std::any_of(std::begin(rendered), std::end(rendered),
+                                           [&](std::string_view type) { return line.find(type) != std::string::npos; });
+        if (!candidate && log.earliestEventMs) continue;
+        auto event = EventLogEvent::decode(line);
+        if (!event) continue;
+        if (event->tsMs >= floorMs && (!log.earliestEventMs || event->tsMs < *log.earliestEventMs))
+            log.earliestEventMs = event->tsMs;
+        if (candidate && text(*event)) log.events.push_back(std::move(*event));
+    }
+    if (in.bad()) throw std::filesystem::filesystem_error("could not read the event log", eventsLog,
+                                                          std::make_error_code(std::errc::io_error));
+    std::stable_sort(log.events.begin(), log.events.end(),
+                     [](const EventLogEvent& a, const EventLogEvent& b) { return a.tsMs < b.tsMs; });
+    return log;
 }
 
 std::string indexTime(int64_t tsMs) { return CoachGateTimeline::formatDateTime(tsMs); }

@@ -2,6 +2,7 @@
 // One period of the event log as numbered lines for the digest prompt: what was declared and what
 // was said, each line carrying the number the model cites and the time it traces back to.
 #include <cstdint>
+#include <filesystem>
 #include <optional>
 #include <span>
 #include <string>
@@ -28,5 +29,15 @@ std::optional<std::string> text(const EventLogEvent& event);
 // The time at the head of each line: local date and minute.
 std::string indexTime(int64_t tsMs);
 Rendered renderIndexed(std::span<const EventLogEvent> events);
+
+// The event log as a pass needs it: only the kinds a digest renders, sorted by time (most lines are
+// ruled out by a byte search, never parsed), and the time of the first event of any kind at or after
+// `floorMs`, which is where the periods start. Throws std::filesystem::filesystem_error when the log
+// exists and cannot be read; a missing log is empty.
+struct LogForDigests {
+    std::vector<EventLogEvent> events;
+    std::optional<int64_t> earliestEventMs;
+};
+LogForDigests readForDigests(const std::filesystem::path& eventsLog, int64_t floorMs);
 
 }  // namespace aimwise::PeriodRendering

@@ -6,7 +6,6 @@
 #include <optional>
 #include <thread>
 
-#include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/events/event_log_writer.h"
 #include "AimwiseCore/memory/consolidation_events.h"
 #include "AimwiseCore/memory/consolidation_pass.h"
@@ -14,6 +13,7 @@
 #include "AimwiseCore/memory/dream_power_policy.h"
 #include "AimwiseCore/memory/dream_return_watch.h"
 #include "AimwiseCore/memory/dream_schedule_inputs.h"
+#include "AimwiseCore/memory/memory_wipe.h"
 #include "AimwiseCore/models/cancellation.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
 #include "AimwiseCore/models/local_inference_wire.h"
@@ -88,6 +88,17 @@ private:
     bool deferring_;
 };
 
+// The first reason to stand down. Shared, so that a backend holding `shouldKeepWaiting` may outlive the pass.
+struct StandDown {
+    mutable std::mutex mutex;
+    std::optional<std::string> reason;
+
+    std::optional<std::string> get() const {
+        std::lock_guard guard(mutex);
+        return reason;
+    }
+};
+
 // Polls for the person's return (and the guardrails, less often) on its own thread while a pass runs;
 // the first reason to stand down cancels the model call in flight and ends any retry wait.
 class Watcher {
@@ -106,16 +117,13 @@ public:
         thread_.join();
     }
 
-    std::optional<std::string> reason() const {
-        std::lock_guard guard(mutex_);
-        return reason_;
-    }
+    std::shared_ptr<const StandDown> standDown() const { return standDown_; }
 
 private:
     void loop() {
         int64_t sinceGuardrailsMs = 0;
         std::unique_lock lock(mutex_);
-        while (!stopping_ && !reason_) {
+        while (!stopping_) {
             lock.unlock();
             std::optional<std::string> found = returnWatch_ ? returnWatch_->check() : std::nullopt;
             sinceGuardrailsMs += services_.watchIntervalMs;
@@ -126,7 +134,10 @@ private:
             }
             lock.lock();
             if (found) {
-                reason_ = found;
+                {
+                    std::lock_guard guard(standDown_->mutex);
+                    standDown_->reason = found;
+                }
                 token_->cancel();
                 break;
             }
@@ -138,18 +149,20 @@ private:
     Guardrails& guardrails_;
     std::shared_ptr<CancellationToken> token_;
     std::unique_ptr<DreamReturnWatch> returnWatch_;
-    mutable std::mutex mutex_;
+    std::shared_ptr<StandDown> standDown_ = std::make_shared<StandDown>();
+    std::mutex mutex_;
     std::condition_variable wake_;
     bool stopping_ = false;
-    std::optional<std::string> reason_;
     std::thread thread_;
 };
 
-std::string describe(const PassOutcome& outcome, const char* what) {
-    if (std::holds_alternative<NothingPending>(outcome)) return std::string("nothing to do for the ") + what;
+std::string describe(const PassOutcome& outcome, bool sequential) {
+    if (std::holds_alternative<NothingPending>(outcome))
+        return sequential ? "the sequential memory has folded every digest" : "memory is up to date";
     if (const auto* done = std::get_if<Completed>(&outcome))
-        return std::string(what) + " done: " + std::to_string(done->digestsWritten) + " digest(s) written, " +
-               std::to_string(done->digestsFolded) + " folded";
+        return sequential ? "done: " + std::to_string(done->digestsFolded) + " digest(s) folded into the sequential memory"
+                          : "done: " + std::to_string(done->digestsWritten) +
+                                " period(s) digested, and the standing memory is up to date";
     const auto& stopped = std::get<Stopped>(outcome);
     const std::string kept = std::to_string(stopped.digestsWritten) + " digest(s) written and " +
                              std::to_string(stopped.digestsFolded) + " folded are kept; the next run carries on";
@@ -189,15 +202,13 @@ int consolidate(const Options& options, const Services& services, const Log& log
         return 0;
     }
 
-    std::vector<EventLogEvent> events;
+    PeriodRendering::LogForDigests eventLog;
     try {
-        events = EventLogReader::read(eventsLog);
+        const auto wipeAtMs = MemoryWipeLog::latestAtMs(MemoryWipeLog::defaultURL(services.dataRoot));
+        eventLog = PeriodRendering::readForDigests(eventsLog, std::max(earliestPlausibleEventMs, wipeAtMs.value_or(0)));
     } catch (const std::exception& error) {
-        if (fs::exists(eventsLog)) {
-            log("FAIL: the event log at " + eventsLog.string() + " could not be read (" + error.what() +
-                "); memory was left as it is");
-            return 1;
-        }
+        log(std::string("FAIL: the event log could not be read (") + error.what() + "); memory was left as it is");
+        return 1;
     }
 
     auto token = std::make_shared<CancellationToken>();
@@ -206,21 +217,23 @@ int consolidate(const Options& options, const Services& services, const Log& log
     std::unique_ptr<DreamReturnWatch> returnWatch;
     if (!options.force) returnWatch = std::make_unique<DreamReturnWatch>(services.dataRoot / "signals.sqlite", asOfMs);
     Watcher watcher(services, guardrails, token, std::move(returnWatch));
-    const auto backend = services.makeBackend([&watcher] { return !watcher.reason(); }, log);
+    const auto standDown = watcher.standDown();
+    const auto backend = services.makeBackend([standDown] { return !standDown->get(); }, log);
 
     PassContext context{.dataRoot = services.dataRoot,
                         .asOfMs = asOfMs,
                         .backend = backend.get(),
                         .options = ChatOptions{.maxTokens = consolidationMaxTokens, .think = false},
                         .checkpoint = [&] { return guardrails.check(); },
-                        .shouldYield = [&] { return watcher.reason(); },
+                        .shouldYield = [&] { return standDown->get(); },
                         .log = log,
                         .clock = services.clock,
-                        .record = record};
-    const PassOutcome standing = runPass(events, context);
-    log(describe(standing, "standing memory"));
+                        .record = record,
+                        .earliestEventMs = eventLog.earliestEventMs};
+    const PassOutcome standing = runPass(eventLog.events, context);
+    log(describe(standing, false));
     if (std::holds_alternative<Stopped>(standing)) return 0;
-    log(describe(backfillSequential(context, std::nullopt), "sequential memory"));
+    log(describe(backfillSequential(context, std::nullopt), true));
     return 0;
 }
 
@@ -249,8 +262,9 @@ int runOnce(const Options& options, const Services& services) {
             (inputs.standingMemorySalvaged ? " (the standing memory is salvaged; the next pass repairs it)" : ""));
         return 0;
     } else {
-        log("starting: " + std::to_string(inputs.snapshot.pendingPeriodCount) + " period(s) pending, presence " +
-            DreamSchedule::rawValue(inputs.snapshot.presence));
+        log("starting: " + std::to_string(inputs.snapshot.pendingPeriodCount) + " period(s) to digest, and " +
+            (inputs.snapshot.presence == DreamSchedule::Presence::away ? "the screen is locked"
+                                                                        : "no sign of anyone at the machine"));
     }
     try {
         return consolidate(options, services, log, asOfMs);
