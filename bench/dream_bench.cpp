@@ -46,14 +46,16 @@ std::string eventLine(int64_t ts, int index) {
     const int kind = index % 100;
     if (kind == 0) {
         event.type = "task_declared";
-        event.detail = JSONValue::Object{{"task", "chapter " + std::to_string(index % 7) + " of the thesis draft"},
-                                         {"horizon_minutes", 45}};
+        event.detail =
+            JSONValue::Object{{"task", "chapter " + std::to_string(index % 7) + " of the thesis draft"},
+                              {"horizon_minutes", 45}};
     } else if (kind < 10) {
         event.type = "app_chat_message";
         event.detail = JSONValue::Object{
             {"role", kind % 3 == 0 ? "coach" : "user"},
-            {"text", "message " + std::to_string(index) + ": still on the literature review, the reference library "
-                     "needs cleaning before the citations make sense, maybe twenty more minutes"}};
+            {"text", "message " + std::to_string(index) +
+                         ": still on the literature review, the reference library "
+                         "needs cleaning before the citations make sense, maybe twenty more minutes"}};
     } else if (kind < 12) {
         event.type = kind == 10 ? "checker_output_sent" : "checker_input_received";
         event.detail = JSONValue::Object{{"text", "back to the draft after a detour through the news"}};
@@ -76,10 +78,13 @@ struct ThirtyDays {
             events << eventLine(startMs + static_cast<int64_t>(i) * (dayMs / eventsPerDay), i);
         std::ofstream ticks(root() / "checker-log.jsonl");
         for (int i = 0; i < days * ticksPerDay; ++i) {
-            const ClassifierTick tick{.at = localTime(startMs + static_cast<int64_t>(i) * 30'000), .state = "ON_TASK",
-                                      .frontmostApp = "Code", .frontmostWindowTitle = "thesis.tex — Code",
+            const ClassifierTick tick{.at = localTime(startMs + static_cast<int64_t>(i) * 30'000),
+                                      .state = "ON_TASK",
+                                      .frontmostApp = "Code",
+                                      .frontmostWindowTitle = "thesis.tex — Code",
                                       .reason = "Editing the thesis chapter in the editor, as declared.",
-                                      .confidence = 0.9, .declaredTask = "chapter 3 of the thesis draft"};
+                                      .confidence = 0.9,
+                                      .declaredTask = "chapter 3 of the thesis draft"};
             ticks << tick.encoded() << "\n";
         }
     }
@@ -89,9 +94,12 @@ struct ThirtyDays {
     }
     fs::path root() const { return directory / "root"; }
     std::vector<std::string> environment(const std::string& endpoint) const {
-        return {"AIMCAP_DATA_ROOT=" + root().string(), "HOME=" + directory.string(),
-                "XDG_DATA_HOME=" + (directory / "xdg").string(), "XDG_STATE_HOME=" + (directory / "state").string(),
-                "AIMCAP_LOCAL_INFERENCE_ENDPOINT=" + endpoint, "PATH=/usr/bin:/bin"};
+        return {"AIMCAP_DATA_ROOT=" + root().string(),
+                "HOME=" + directory.string(),
+                "XDG_DATA_HOME=" + (directory / "xdg").string(),
+                "XDG_STATE_HOME=" + (directory / "state").string(),
+                "AIMCAP_LOCAL_INFERENCE_ENDPOINT=" + endpoint,
+                "PATH=/usr/bin:/bin"};
     }
     void personAtTheMachine() const {
         std::ofstream ticks(root() / "checker-log.jsonl", std::ios::app);
@@ -104,10 +112,12 @@ ThirtyDays& data() {
     return instance;
 }
 
-std::string dreamProgram() { return (fs::read_symlink("/proc/self/exe").parent_path() / "aimwise-dream").string(); }
+std::string dreamProgram() {
+    return (fs::read_symlink("/proc/self/exe").parent_path() / "aimwise-dream").string();
+}
 
 class Costs {
-public:
+  public:
     explicit Costs(benchmark::State& state) : state_(state) {}
     ~Costs() {
         state_.counters["cpu_ms"] = benchmark::Counter(cpuMs_, benchmark::Counter::kAvgIterations);
@@ -120,7 +130,7 @@ public:
         if (cost.status != 0) state_.SkipWithError("the child failed");
     }
 
-private:
+  private:
     benchmark::State& state_;
     double cpuMs_ = 0;
     double rssKiB_ = 0;
@@ -138,7 +148,11 @@ void BM_HoldWhileThePersonIsAtTheMachine(benchmark::State& state) {
     Costs costs(state);
     for (auto _ : state) costs.add(bench::runChild({dreamProgram(), "--once"}, environment));
 }
-BENCHMARK(BM_HoldWhileThePersonIsAtTheMachine)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
+BENCHMARK(BM_HoldWhileThePersonIsAtTheMachine)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(30)
+    ->Repetitions(5);
 
 void BM_NightlyRunOver30Days(benchmark::State& state) {
     bench::InstantModelServer server;
@@ -149,7 +163,11 @@ void BM_NightlyRunOver30Days(benchmark::State& state) {
         costs.add(bench::runChild({dreamProgram(), "--force"}, environment));
     }
 }
-BENCHMARK(BM_NightlyRunOver30Days)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(3)->Repetitions(3);
+BENCHMARK(BM_NightlyRunOver30Days)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(3)
+    ->Repetitions(3);
 
 // After the run above, every period has its digest: the night's usual hold.
 void BM_HoldWithMemoryUpToDate(benchmark::State& state) {
@@ -157,20 +175,28 @@ void BM_HoldWithMemoryUpToDate(benchmark::State& state) {
     Costs costs(state);
     for (auto _ : state) costs.add(bench::runChild({dreamProgram(), "--once"}, environment));
 }
-BENCHMARK(BM_HoldWithMemoryUpToDate)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
+BENCHMARK(BM_HoldWithMemoryUpToDate)
+    ->UseManualTime()
+    ->Unit(benchmark::kMillisecond)
+    ->Iterations(30)
+    ->Repetitions(5);
 
 void BM_ReadAndParseTheEventLog(benchmark::State& state) {
-    for (auto _ : state) benchmark::DoNotOptimize(EventLogReader::read(data().root() / "io-layer/events.jsonl"));
+    for (auto _ : state)
+        benchmark::DoNotOptimize(EventLogReader::read(data().root() / "io-layer/events.jsonl"));
 }
 BENCHMARK(BM_ReadAndParseTheEventLog)->Unit(benchmark::kMillisecond)->Repetitions(5);
 
 std::vector<PeriodDigest> digestsOfAMonth() {
     std::vector<PeriodDigest> digests;
     for (int d = 0; d < days; ++d) {
-        PeriodDigest digest{.periodStartTsMs = data().startMs + d * dayMs, .summary = "Drafted chapter 3 in two blocks."};
+        PeriodDigest digest{.periodStartTsMs = data().startMs + d * dayMs,
+                            .summary = "Drafted chapter 3 in two blocks."};
         for (int f = 0; f < 6; ++f)
-            digest.facts.push_back({"fact " + std::to_string((d * 6 + f) % 90) + ": the thesis is due in spring",
-                                    MemoryFactProvenance::asserted, {data().startMs + d * dayMs}});
+            digest.facts.push_back(
+                {"fact " + std::to_string((d * 6 + f) % 90) + ": the thesis is due in spring",
+                 MemoryFactProvenance::asserted,
+                 {data().startMs + d * dayMs}});
         for (int l = 0; l < 3; ++l) digest.lessons.push_back("lesson " + std::to_string((d + l) % 20));
         digests.push_back(std::move(digest));
     }
@@ -184,8 +210,8 @@ void BM_PrepareEveryPromptOfAPass(benchmark::State& state) {
         const auto log = PeriodRendering::readForDigests(data().root() / "io-layer/events.jsonl", 0);
         const auto& events = log.events;
         size_t bytes = 0;
-        const auto periods = MemoryConsolidation::pendingPeriods(std::nullopt, log.earliestEventMs, data().nowMs,
-                                                                 MemoryConsolidation::defaultStepIntervalSec);
+        const auto periods = MemoryConsolidation::pendingPeriods(
+            std::nullopt, log.earliestEventMs, data().nowMs, MemoryConsolidation::defaultStepIntervalSec);
         auto first = events.begin();
         for (const auto& period : periods) {
             auto last = std::lower_bound(first, events.end(), period.endMs,
@@ -193,7 +219,8 @@ void BM_PrepareEveryPromptOfAPass(benchmark::State& state) {
             bytes += MemoryConsolidation::digestMessage(PeriodRendering::renderIndexed({first, last})).size();
             first = last;
         }
-        bytes += MemoryConsolidation::regenerationMessage(digests, MemoryConsolidation::candidatesOf(digests), corrections)
+        bytes += MemoryConsolidation::regenerationMessage(digests, MemoryConsolidation::candidatesOf(digests),
+                                                          corrections)
                      .size();
         benchmark::DoNotOptimize(bytes);
         state.counters["periods"] = static_cast<double>(periods.size());

@@ -34,15 +34,17 @@ EventLogEvent deferredPowerEnded(int64_t tsMs) {
 std::string degenerateReport(const StandingMemory& memory, const std::string& reason) {
     if (!memory.salvaged) return "standing memory parsed but organised nothing: " + reason;
     return "the model's reply could not be used (" + memory.salvageDetail.value_or(reason) +
-           "), so standing memory was left unorganized -- " + std::to_string(memory.facts.size()) + " fact(s)/" +
-           std::to_string(memory.lessons.size()) + " lesson(s) kept unpruned, no threads";
+           "), so standing memory was left unorganized -- " + std::to_string(memory.facts.size()) +
+           " fact(s)/" + std::to_string(memory.lessons.size()) + " lesson(s) kept unpruned, no threads";
 }
 
 }  // namespace MemoryConsolidationEvents
 
 namespace ConsolidateLog {
 
-std::string line(const std::string& text, int64_t atMs) { return "[" + IsoDate::format(atMs) + "] " + text; }
+std::string line(const std::string& text, int64_t atMs) {
+    return "[" + IsoDate::format(atMs) + "] " + text;
+}
 
 }  // namespace ConsolidateLog
 

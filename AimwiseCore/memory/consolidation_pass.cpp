@@ -31,8 +31,12 @@ int drawSeed() {
     return static_cast<int>(device() % static_cast<unsigned>(seedBound));
 }
 
-std::string when(int64_t ms) { return IsoDate::format(ms); }
-std::string flag(bool value) { return value ? "true" : "false"; }
+std::string when(int64_t ms) {
+    return IsoDate::format(ms);
+}
+std::string flag(bool value) {
+    return value ? "true" : "false";
+}
 
 void emit(const Log& log, const std::string& line) {
     if (log) log(line);
@@ -70,7 +74,8 @@ void appendCandidates(std::string& message, const Candidates& candidates) {
 }
 
 std::string instructions(const std::string& base, const std::vector<CoachCorrection>& corrections) {
-    return corrections.empty() ? base + "\n\n" : base + "\n" + ConsolidationPrompts::correctionsPreface() + "\n\n";
+    return corrections.empty() ? base + "\n\n"
+                               : base + "\n" + ConsolidationPrompts::correctionsPreface() + "\n\n";
 }
 
 bool isPlaceholder(const PeriodDigest& digest) {
@@ -92,44 +97,34 @@ struct Assessment {
     int64_t behind = 0;
     int64_t unfolded = 0;
 
-    bool needsRegeneration() const { return standing.state != MemoryStore::FileState::undecodable && (standingSalvaged || behind > 0); }
-};
-
-std::set<int64_t> digestStartsOnDisk(const fs::path& dataRoot) {
-    std::set<int64_t> starts;
-    std::error_code error;
-    for (fs::directory_iterator it(MemoryStore::digestsDirectory(dataRoot), error), end; !error && it != end;
-         it.increment(error)) {
-        const fs::path& path = it->path();
-        if (path.extension() != ".json") continue;
-        const std::string stem = path.stem().string();
-        try {
-            size_t used = 0;
-            const long long start = std::stoll(stem, &used);
-            if (used == stem.size()) starts.insert(start);
-        } catch (const std::exception&) {
-        }
+    // A standing memory that does not decode is left for the person to look at, never replaced.
+    bool needsRegeneration() const {
+        return standing.state != MemoryStore::FileState::undecodable && (standingSalvaged || behind > 0);
     }
-    return starts;
-}
+};
 
 std::vector<PeriodDigest> usableDigests(std::vector<PeriodDigest> digests, std::optional<int64_t> wipeAtMs,
                                         const std::vector<MemoryForgetRequest>& forgetRequests) {
-    return MemoryForgetFilter(forgetRequests).digests(MemoryWipeFilter::digests(std::move(digests), wipeAtMs));
+    return MemoryForgetFilter(forgetRequests)
+        .digests(MemoryWipeFilter::digests(std::move(digests), wipeAtMs));
 }
 
 // The usable digests the sequential memory has not folded yet, oldest first.
-std::vector<PeriodDigest> unfoldedDigests(std::vector<PeriodDigest> usable, const SequentialMemoryState& state) {
-    const std::unordered_set<int64_t> folded(state.foldedPeriodStartsTsMs.begin(), state.foldedPeriodStartsTsMs.end());
+std::vector<PeriodDigest> unfoldedDigests(std::vector<PeriodDigest> usable,
+                                          const SequentialMemoryState& state) {
+    const std::unordered_set<int64_t> folded(state.foldedPeriodStartsTsMs.begin(),
+                                             state.foldedPeriodStartsTsMs.end());
     std::erase_if(usable, [&](const PeriodDigest& d) { return folded.contains(d.periodStartTsMs); });
     return usable;
 }
 
 // Sorted events that count: plausible times, at or after the latest wipe.
-std::span<const EventLogEvent> countedEvents(std::span<const EventLogEvent> events, std::optional<int64_t> wipeAtMs) {
+std::span<const EventLogEvent> countedEvents(std::span<const EventLogEvent> events,
+                                             std::optional<int64_t> wipeAtMs) {
     const int64_t floor = std::max(earliestPlausibleEventMs, wipeAtMs.value_or(earliestPlausibleEventMs));
-    const auto first = std::lower_bound(events.begin(), events.end(), floor,
-                                        [](const EventLogEvent& event, int64_t ms) { return event.tsMs < ms; });
+    const auto first =
+        std::lower_bound(events.begin(), events.end(), floor,
+                         [](const EventLogEvent& event, int64_t ms) { return event.tsMs < ms; });
     return events.subspan(static_cast<size_t>(first - events.begin()));
 }
 
@@ -144,16 +139,18 @@ Assessment assess(const PassContext& context, std::span<const EventLogEvent> eve
     const fs::path& dataRoot = context.dataRoot;
     Assessment a;
     a.digests = MemoryStore::readAllDigests(dataRoot);
-    a.startsOnDisk = digestStartsOnDisk(dataRoot);
+    a.startsOnDisk = MemoryStore::digestStartsOnDisk(dataRoot);
     a.standing = MemoryStore::inspectStandingMemory(dataRoot);
     a.wipeAtMs = MemoryWipeLog::latestAtMs(MemoryWipeLog::defaultURL(dataRoot));
     a.forgetRequests = MemoryForgetLog::read(MemoryForgetLog::defaultURL(dataRoot));
     a.usable = usableDigests(a.digests, a.wipeAtMs, a.forgetRequests);
 
     std::optional<int64_t> lastEnd;
-    for (const auto& digest : a.digests) lastEnd = std::max(lastEnd.value_or(digest.periodEndTsMs), digest.periodEndTsMs);
+    for (const auto& digest : a.digests)
+        lastEnd = std::max(lastEnd.value_or(digest.periodEndTsMs), digest.periodEndTsMs);
     const auto counted = countedEvents(events, a.wipeAtMs);
-    std::optional<int64_t> earliest = counted.empty() ? std::nullopt : std::optional<int64_t>(counted.front().tsMs);
+    std::optional<int64_t> earliest =
+        counted.empty() ? std::nullopt : std::optional<int64_t>(counted.front().tsMs);
     const int64_t floor = std::max(earliestPlausibleEventMs, a.wipeAtMs.value_or(0));
     if (context.earliestEventMs && *context.earliestEventMs >= floor)
         earliest = std::min(earliest.value_or(*context.earliestEventMs), *context.earliestEventMs);
@@ -164,28 +161,31 @@ Assessment assess(const PassContext& context, std::span<const EventLogEvent> eve
     a.standingSalvaged = standing && standing->salvaged;
     const int64_t covered = standing ? standing->digestCount : 0;
     a.behind = std::max<int64_t>(static_cast<int64_t>(a.usable.size()) - covered, 0);
-    if (const auto state = MemoryStore::readSequentialMemoryState(dataRoot); state || !fs::exists(MemoryStore::sequentialStatePath(dataRoot)))
-        a.unfolded = static_cast<int64_t>(unfoldedDigests(a.usable, state.value_or(SequentialMemoryState{})).size());
+    const auto state = MemoryStore::readSequentialMemoryState(dataRoot);
+    if (state || !fs::exists(MemoryStore::sequentialStatePath(dataRoot)))
+        a.unfolded =
+            static_cast<int64_t>(unfoldedDigests(a.usable, state.value_or(SequentialMemoryState{})).size());
     return a;
 }
 
 // One run of a pass: the context, the options as they stand (low power turns thinking off), and
 // what has been done so far.
 class Pass {
-public:
+  public:
     enum class Mode { standing, sequential, backfill };
 
     Pass(std::span<const EventLogEvent> events, const PassContext& context, Mode mode)
         : events_(events), context_(context), mode_(mode), options_(context.options) {
         if (!options_.sessionID)
-            options_.sessionID = std::string(mode == Mode::standing ? "dream-pass:" : "dream-pass-sequential:") +
-                                 std::to_string(context.asOfMs);
+            options_.sessionID =
+                std::string(mode == Mode::standing ? "dream-pass:" : "dream-pass-sequential:") +
+                std::to_string(context.asOfMs);
         options_.turn = ChatTurn::background;
     }
 
     PassOutcome run(std::optional<int64_t> backfillLimit);
 
-private:
+  private:
     void log(const std::string& line) const { emit(context_.log, line); }
     void record(const EventLogEvent& event) const {
         if (context_.record) context_.record(event);
@@ -217,7 +217,8 @@ std::optional<PassStop> Pass::checkpoint() {
         if (std::holds_alternative<DreamGuardrails::LowPower>(decision) && !sheddingLoad_) {
             sheddingLoad_ = true;
             options_.think = false;
-            log("shedding load: " + DreamGuardrails::reasonOf(decision) + " -- thinking is off for the rest of this pass");
+            log("shedding load: " + DreamGuardrails::reasonOf(decision) +
+                " -- thinking is off for the rest of this pass");
         }
     }
     if (context_.shouldYield)
@@ -229,16 +230,19 @@ std::optional<PassStop> Pass::digestPending(const Assessment& assessment) {
     const auto counted = countedEvents(events_, assessment.wipeAtMs);
     for (const Period& period : assessment.pending) {
         const auto inPeriod = eventsIn(counted, period);
-        const bool needsModel = std::any_of(inPeriod.begin(), inPeriod.end(),
-                                            [](const EventLogEvent& e) { return PeriodRendering::text(e).has_value(); });
+        const bool needsModel = std::any_of(inPeriod.begin(), inPeriod.end(), [](const EventLogEvent& e) {
+            return PeriodRendering::text(e).has_value();
+        });
         if (needsModel)
             if (auto stop = checkpoint()) return stop;
-        log("digesting " + when(period.startMs) + " - " + when(period.endMs) + " (" + std::to_string(inPeriod.size()) +
-            " events)...");
-        const PeriodDigest digest = digestPeriod(inPeriod, period, now(), *context_.backend, options_, context_.log);
+        log("digesting " + when(period.startMs) + " - " + when(period.endMs) + " (" +
+            std::to_string(inPeriod.size()) + " events)...");
+        const PeriodDigest digest =
+            digestPeriod(inPeriod, period, now(), *context_.backend, options_, context_.log);
         MemoryStore::writeDigest(digest, context_.dataRoot);
         ++written_;
-        log("  facts: " + std::to_string(digest.facts.size()) + ", lessons: " + std::to_string(digest.lessons.size()) +
+        log("  facts: " + std::to_string(digest.facts.size()) +
+            ", lessons: " + std::to_string(digest.lessons.size()) +
             (digest.salvaged ? " [DEGRADED -- period lost, never retried]" : ""));
     }
     return std::nullopt;
@@ -247,14 +251,16 @@ std::optional<PassStop> Pass::digestPending(const Assessment& assessment) {
 std::optional<PassStop> Pass::regenerate(Assessment assessment) {
     if (assessment.standing.state == MemoryStore::FileState::undecodable) {
         log("standing memory at " + MemoryStore::standingMemoryPath(context_.dataRoot).string() +
-            " does not decode -- it is left as it is, and the coach goes on without it. Move it aside and the next "
+            " does not decode -- it is left as it is, and the coach goes on without it. Move it aside and "
+            "the next "
             "pass makes a new one from the digests.");
         return std::nullopt;
     }
     if (assessment.wipeAtMs &&
         std::any_of(assessment.digests.begin(), assessment.digests.end(),
                     [&](const PeriodDigest& d) { return d.periodStartTsMs < *assessment.wipeAtMs; }))
-        log("honouring memory wipe requested at " + when(*assessment.wipeAtMs) + " -- excluding digests before it");
+        log("honouring memory wipe requested at " + when(*assessment.wipeAtMs) +
+            " -- excluding digests before it");
     if (assessment.usable.empty()) return std::nullopt;
 
     std::vector<CoachCorrection> corrections = MemoryWipeFilter::corrections(
@@ -265,15 +271,18 @@ std::optional<PassStop> Pass::regenerate(Assessment assessment) {
     if (auto stop = checkpoint()) return stop;
     log("regenerating standing memory from " + std::to_string(assessment.usable.size()) + " digest(s)" +
         (corrections.empty() ? "" : " and " + std::to_string(corrections.size()) + " correction(s)") + "...");
-    const StandingMemory memory = regenerateStandingMemory(assessment.usable, corrections, now(), *context_.backend,
-                                                           options_, context_.log);
+    const StandingMemory memory = regenerateStandingMemory(assessment.usable, corrections, now(),
+                                                           *context_.backend, options_, context_.log);
     MemoryStore::writeStandingMemory(memory, context_.dataRoot);
     log("standing memory: " + std::to_string(memory.threads.size()) + " thread(s), " +
-        std::to_string(memory.facts.size()) + " fact(s), " + std::to_string(memory.lessons.size()) + " lesson(s), seed " +
-        (memory.seed ? std::to_string(*memory.seed) : "none") + (memory.salvaged ? " [SALVAGED]" : ""));
+        std::to_string(memory.facts.size()) + " fact(s), " + std::to_string(memory.lessons.size()) +
+        " lesson(s), seed " + (memory.seed ? std::to_string(*memory.seed) : "none") +
+        (memory.salvaged ? " [SALVAGED]" : ""));
     if (memory.salvaged) {
-        log("WARNING: regeneration response did not parse -- SALVAGED every candidate unorganized. Standing memory is "
-            "degraded (no threads, nothing pruned) until a regeneration succeeds. Re-run consolidation; if it keeps "
+        log("WARNING: regeneration response did not parse -- SALVAGED every candidate unorganized. Standing "
+            "memory is "
+            "degraded (no threads, nothing pruned) until a regeneration succeeds. Re-run consolidation; if "
+            "it keeps "
             "failing, the model's JSON is the bug.");
         log(MemoryConsolidationEvents::degenerateReport(memory, ""));
     } else if (const auto reason = degenerateStandingMemoryReason(memory, assessment.usable)) {
@@ -288,7 +297,8 @@ std::optional<PassStop> Pass::fold(std::optional<int64_t> limit) {
     const auto state0 = MemoryStore::readSequentialMemoryState(root);
     if (!state0 && fs::exists(MemoryStore::sequentialStatePath(root))) {
         log("sequential standing memory at " + MemoryStore::sequentialStatePath(root).string() +
-            " does not decode -- it is left as it is and nothing is folded. Move it aside and the next pass folds "
+            " does not decode -- it is left as it is and nothing is folded. Move it aside and the next pass "
+            "folds "
             "every digest again.");
         return std::nullopt;
     }
@@ -300,7 +310,8 @@ std::optional<PassStop> Pass::fold(std::optional<int64_t> limit) {
     if (unfolded.empty()) return std::nullopt;
     const size_t count = limit ? std::min(unfolded.size(), static_cast<size_t>(*limit)) : unfolded.size();
     log(std::to_string(unfolded.size()) + " unfolded digest(s) (one fold call each)" +
-        (count < unfolded.size() ? ", folding the oldest " + std::to_string(count) + " this call" : "") + "...");
+        (count < unfolded.size() ? ", folding the oldest " + std::to_string(count) + " this call" : "") +
+        "...");
 
     std::vector<CoachCorrection> corrections =
         MemoryWipeFilter::corrections(CoachCorrections::read(CoachCorrections::defaultURL(root)), wipeAtMs);
@@ -310,7 +321,8 @@ std::optional<PassStop> Pass::fold(std::optional<int64_t> limit) {
         if (auto stop = checkpoint()) return stop;
         // A memory from before the wipe is not carried forward, nor anything asked to be forgotten.
         const auto prior = forget.standingMemory(MemoryWipeFilter::standingMemory(
-            state.foldedPeriodStartsTsMs.empty() ? std::nullopt : std::optional(state.standingMemory), wipeAtMs));
+            state.foldedPeriodStartsTsMs.empty() ? std::nullopt : std::optional(state.standingMemory),
+            wipeAtMs));
         state.standingMemory =
             foldDigest(prior, unfolded[i], corrections, now(), *context_.backend, options_, context_.log);
         state.foldedPeriodStartsTsMs.push_back(unfolded[i].periodStartTsMs);
@@ -325,10 +337,16 @@ std::optional<PassStop> Pass::fold(std::optional<int64_t> limit) {
 PassOutcome Pass::run(std::optional<int64_t> backfillLimit) {
     Assessment assessment = assess(context_, events_);
     try {
+        const size_t onDisk = assessment.startsOnDisk.size();
+        if (const size_t damaged = onDisk - std::min(onDisk, assessment.digests.size()))
+            log(std::to_string(damaged) + " digest file(s) in " +
+                MemoryStore::digestsDirectory(context_.dataRoot).string() +
+                " do not decode -- left as they are; their periods are not digested again");
         if (mode_ == Mode::standing) {
             std::string status = std::to_string(assessment.startsOnDisk.size()) + " digest(s) on disk, " +
                                  std::to_string(assessment.pending.size()) + " period(s) pending";
-            if (assessment.standingSalvaged) status += " -- standing memory is SALVAGED, regenerating to repair it";
+            if (assessment.standingSalvaged)
+                status += " -- standing memory is SALVAGED, regenerating to repair it";
             else if (assessment.behind > 0)
                 status += " -- " + std::to_string(assessment.behind) +
                           " digest(s) on disk not yet in standing memory, regenerating to catch up";
@@ -352,11 +370,14 @@ PassOutcome Pass::run(std::optional<int64_t> backfillLimit) {
         const LockAcquisition lock = acquireDreamLock(context_.dataRoot);
         if (lock.kind == LockAcquisition::Kind::heldByAnotherProcess) {
             log(std::string("another process already holds the dream lock -- skipping this ") +
-                (mode_ == Mode::backfill ? "backfill" : mode_ == Mode::sequential ? "sequential pass" : "pass"));
+                (mode_ == Mode::backfill     ? "backfill"
+                 : mode_ == Mode::sequential ? "sequential pass"
+                                             : "pass"));
             return Stopped{PassStop{PassStop::Kind::lockHeld, "another process holds the dream lock"}, 0, 0};
         }
         if (lock.kind == LockAcquisition::Kind::unavailable)
-            log("dream lock unavailable (" + lock.reason + ") -- proceeding without cross-process protection");
+            log("dream lock unavailable (" + lock.reason +
+                ") -- proceeding without cross-process protection");
 
         if (mode_ == Mode::backfill) return outcome(fold(backfillLimit));
         // Another pass may have finished while this one was deciding: look again under the lock.
@@ -369,7 +390,8 @@ PassOutcome Pass::run(std::optional<int64_t> backfillLimit) {
         }
         return outcome(std::nullopt);
     } catch (const CancellationError&) {
-        const std::optional<std::string> reason = context_.shouldYield ? context_.shouldYield() : std::nullopt;
+        const std::optional<std::string> reason =
+            context_.shouldYield ? context_.shouldYield() : std::nullopt;
         return outcome(PassStop{PassStop::Kind::yielded, reason.value_or("the model call was cancelled")});
     } catch (const std::exception& error) {
         log("pass FAILED: " + std::string(error.what()));
@@ -382,14 +404,16 @@ PassOutcome Pass::run(std::optional<int64_t> backfillLimit) {
 }  // namespace
 
 std::vector<Period> pendingPeriods(std::optional<int64_t> lastDigestedPeriodEndMs,
-                                   std::optional<int64_t> earliestEventMs, int64_t asOfMs, int64_t stepIntervalSec) {
+                                   std::optional<int64_t> earliestEventMs, int64_t asOfMs,
+                                   int64_t stepIntervalSec) {
     if (!earliestEventMs || stepIntervalSec <= 0) return {};
     const int64_t stepMs = stepIntervalSec * 1000;
     const auto floorToGrid = [&](int64_t ms) { return ms / stepMs * stepMs; };
     const int64_t endBound = floorToGrid(asOfMs);
     const int64_t start = lastDigestedPeriodEndMs ? *lastDigestedPeriodEndMs : floorToGrid(*earliestEventMs);
     std::vector<Period> periods;
-    for (int64_t current = start; current < endBound; current += stepMs) periods.push_back({current, current + stepMs});
+    for (int64_t current = start; current < endBound; current += stepMs)
+        periods.push_back({current, current + stepMs});
     return periods;
 }
 
@@ -438,7 +462,8 @@ std::string foldMessage(const std::optional<StandingMemory>& prior, const Period
         for (const auto& thread : prior->threads)
             message += "\n- " + thread.name + " (" + std::string(rawValue(thread.status)) + ")" +
                        (thread.notes.empty() ? "" : ": " + thread.notes);
-    message += "\nNew period summary:\n" + (digest.summary.empty() ? std::string(quietSummary) : digest.summary);
+    message +=
+        "\nNew period summary:\n" + (digest.summary.empty() ? std::string(quietSummary) : digest.summary);
     appendCandidates(message, candidates);
     appendCorrections(message, corrections);
     return message;
@@ -446,7 +471,8 @@ std::string foldMessage(const std::optional<StandingMemory>& prior, const Period
 
 PeriodDigest digestPeriod(std::span<const EventLogEvent> events, Period period, int64_t generatedAtMs,
                           ModelBackend& backend, const ChatOptions& options, const Log& log) {
-    PeriodDigest digest{.periodStartTsMs = period.startMs, .periodEndTsMs = period.endMs, .generatedAtTsMs = generatedAtMs};
+    PeriodDigest digest{
+        .periodStartTsMs = period.startMs, .periodEndTsMs = period.endMs, .generatedAtTsMs = generatedAtMs};
     const PeriodRendering::Rendered rendered = PeriodRendering::renderIndexed(events);
     if (rendered.lines.empty()) {
         digest.summary = quietSummary;
@@ -459,8 +485,8 @@ PeriodDigest digestPeriod(std::span<const EventLogEvent> events, Period period, 
         digest.salvaged = true;
         emit(log, "digest FAILED for " + when(period.startMs) + " - " + when(period.endMs) + " -- " +
                       replyFacts(response, options) + ", parseFailed=true, responseChars=" +
-                      std::to_string(utf8::scalarCount(response.text)) + ". renderedChars=" +
-                      std::to_string(rendered.characterCount()) +
+                      std::to_string(utf8::scalarCount(response.text)) +
+                      ". renderedChars=" + std::to_string(rendered.characterCount()) +
                       ". This period is now permanently empty in memory; digests are never retried.");
         logReplyEnds(log, response);
         return digest;
@@ -474,9 +500,9 @@ PeriodDigest digestPeriod(std::span<const EventLogEvent> events, Period period, 
 namespace {
 
 // A regeneration or fold reply, or every candidate unorganised when it cannot be read.
-StandingMemory organise(const std::string& message, const Candidates& candidates, std::vector<MemoryThread> keptThreads,
-                        int64_t madeAtMs, int64_t digestCount, ModelBackend& backend, ChatOptions options,
-                        const Log& log, const char* what) {
+StandingMemory organise(const std::string& message, const Candidates& candidates,
+                        std::vector<MemoryThread> keptThreads, int64_t madeAtMs, int64_t digestCount,
+                        ModelBackend& backend, ChatOptions options, const Log& log, const char* what) {
     StandingMemory memory{.regeneratedAtTsMs = madeAtMs, .digestCount = digestCount};
     options.seed = drawSeed();
     memory.seed = options.seed;
@@ -493,7 +519,8 @@ StandingMemory organise(const std::string& message, const Candidates& candidates
     memory.salvaged = true;
     memory.salvageDetail = ConsolidationReplies::salvageDetail(response);
     emit(log, std::string(what) + " JSON did not parse -- " + replyFacts(response, options) + ", " +
-                  std::to_string(candidates.facts.size()) + " fact(s)/" + std::to_string(candidates.lessons.size()) +
+                  std::to_string(candidates.facts.size()) + " fact(s)/" +
+                  std::to_string(candidates.lessons.size()) +
                   " lesson(s) candidates kept unorganized: " + *memory.salvageDetail);
     logReplyEnds(log, response);
     return memory;
@@ -502,22 +529,25 @@ StandingMemory organise(const std::string& message, const Candidates& candidates
 }  // namespace
 
 StandingMemory regenerateStandingMemory(std::vector<PeriodDigest> digests,
-                                        const std::vector<CoachCorrection>& corrections, int64_t regeneratedAtMs,
-                                        ModelBackend& backend, ChatOptions options, const Log& log) {
-    std::stable_sort(digests.begin(), digests.end(),
-                     [](const PeriodDigest& a, const PeriodDigest& b) { return a.periodStartTsMs < b.periodStartTsMs; });
+                                        const std::vector<CoachCorrection>& corrections,
+                                        int64_t regeneratedAtMs, ModelBackend& backend, ChatOptions options,
+                                        const Log& log) {
+    std::stable_sort(digests.begin(), digests.end(), [](const PeriodDigest& a, const PeriodDigest& b) {
+        return a.periodStartTsMs < b.periodStartTsMs;
+    });
     const Candidates candidates = candidatesOf(digests);
     const auto digestCount = static_cast<int64_t>(digests.size());
     // Nothing but quiet or lost periods: there is nothing for a model to organise.
-    if (candidates.facts.empty() && candidates.lessons.empty() && std::all_of(digests.begin(), digests.end(), isPlaceholder))
+    if (candidates.facts.empty() && candidates.lessons.empty() &&
+        std::all_of(digests.begin(), digests.end(), isPlaceholder))
         return StandingMemory{.regeneratedAtTsMs = regeneratedAtMs, .digestCount = digestCount};
-    return organise(regenerationMessage(digests, candidates, corrections), candidates, {}, regeneratedAtMs, digestCount,
-                    backend, std::move(options), log, "regeneration");
+    return organise(regenerationMessage(digests, candidates, corrections), candidates, {}, regeneratedAtMs,
+                    digestCount, backend, std::move(options), log, "regeneration");
 }
 
 StandingMemory foldDigest(const std::optional<StandingMemory>& prior, const PeriodDigest& digest,
-                          const std::vector<CoachCorrection>& corrections, int64_t foldedAtMs, ModelBackend& backend,
-                          ChatOptions options, const Log& log) {
+                          const std::vector<CoachCorrection>& corrections, int64_t foldedAtMs,
+                          ModelBackend& backend, ChatOptions options, const Log& log) {
     const Candidates candidates = candidatesOf({digest}, prior ? &*prior : nullptr);
     const int64_t digestCount = (prior ? prior->digestCount : 0) + 1;
     // A quiet period changes nothing that a model would have to decide.
@@ -540,9 +570,9 @@ std::optional<std::string> degenerateStandingMemoryReason(const StandingMemory& 
     if (candidates.facts.empty() && candidates.lessons.empty()) return std::nullopt;
     if (candidates.facts.size() < 5 && candidates.lessons.size() < 5) return std::nullopt;
     if (memory.facts.size() < candidates.facts.size()) return std::nullopt;
-    return "0 threads, " + std::to_string(memory.facts.size()) + " fact(s)/" + std::to_string(memory.lessons.size()) +
-           " lesson(s) kept out of " + std::to_string(candidates.facts.size()) + "/" +
-           std::to_string(candidates.lessons.size()) +
+    return "0 threads, " + std::to_string(memory.facts.size()) + " fact(s)/" +
+           std::to_string(memory.lessons.size()) + " lesson(s) kept out of " +
+           std::to_string(candidates.facts.size()) + "/" + std::to_string(candidates.lessons.size()) +
            " candidates -- nothing was pruned or organized despite real digest content";
 }
 

@@ -45,7 +45,8 @@ struct Period {
 // Whole, finished periods on a grid of `stepIntervalSec` counted from the epoch, from the end of the
 // last digest (or the earliest event's period) up to the one running at `asOfMs`, which is left alone.
 std::vector<Period> pendingPeriods(std::optional<int64_t> lastDigestedPeriodEndMs,
-                                   std::optional<int64_t> earliestEventMs, int64_t asOfMs, int64_t stepIntervalSec);
+                                   std::optional<int64_t> earliestEventMs, int64_t asOfMs,
+                                   int64_t stepIntervalSec);
 
 // The facts and lessons a regeneration or fold chooses from: in digest order, each text once.
 struct Candidates {
@@ -67,11 +68,12 @@ PeriodDigest digestPeriod(std::span<const EventLogEvent> events, Period period, 
                           ModelBackend& backend, const ChatOptions& options, const Log& log);
 // Draws a fresh sampling seed for the call and keeps it in `seed`.
 StandingMemory regenerateStandingMemory(std::vector<PeriodDigest> digests,
-                                        const std::vector<CoachCorrection>& corrections, int64_t regeneratedAtMs,
-                                        ModelBackend& backend, ChatOptions options, const Log& log);
+                                        const std::vector<CoachCorrection>& corrections,
+                                        int64_t regeneratedAtMs, ModelBackend& backend, ChatOptions options,
+                                        const Log& log);
 StandingMemory foldDigest(const std::optional<StandingMemory>& prior, const PeriodDigest& digest,
-                          const std::vector<CoachCorrection>& corrections, int64_t foldedAtMs, ModelBackend& backend,
-                          ChatOptions options, const Log& log);
+                          const std::vector<CoachCorrection>& corrections, int64_t foldedAtMs,
+                          ModelBackend& backend, ChatOptions options, const Log& log);
 // A reply that parsed and yet did nothing: no threads, every candidate fact kept, and at least five
 // candidate facts or lessons to organise.
 std::optional<std::string> degenerateStandingMemoryReason(const StandingMemory& memory,

@@ -52,8 +52,8 @@ std::optional<MemoryFactProvenance> provenanceOf(const std::string& raw) {
 }
 
 std::optional<MemoryThreadStatus> statusOf(const std::string& raw) {
-    for (const auto status : {MemoryThreadStatus::active, MemoryThreadStatus::dormant, MemoryThreadStatus::done,
-                              MemoryThreadStatus::dropped})
+    for (const auto status : {MemoryThreadStatus::active, MemoryThreadStatus::dormant,
+                              MemoryThreadStatus::done, MemoryThreadStatus::dropped})
         if (rawValue(status) == raw) return status;
     return std::nullopt;
 }
@@ -69,7 +69,8 @@ std::string oneLine(std::string text) {
 std::optional<std::string_view> objectSpan(std::string_view text) {
     const size_t first = text.find('{');
     const size_t last = text.rfind('}');
-    if (first == std::string_view::npos || last == std::string_view::npos || last < first) return std::nullopt;
+    if (first == std::string_view::npos || last == std::string_view::npos || last < first)
+        return std::nullopt;
     return text.substr(first, last - first + 1);
 }
 
@@ -125,7 +126,8 @@ std::optional<ParsedRegeneration> parseRegenerationJSON(std::string_view text,
         std::string name = trimWhitespaceAndNewlines(stringMember(item, "name"));
         const auto status = statusOf(stringMember(item, "status"));
         if (name.empty() || !status) continue;
-        parsed.threads.push_back({std::move(name), *status, trimWhitespaceAndNewlines(stringMember(item, "notes"))});
+        parsed.threads.push_back(
+            {std::move(name), *status, trimWhitespaceAndNewlines(stringMember(item, "notes"))});
     }
     std::set<int64_t> kept;
     for (const int64_t index : intArray(&keep->second))
@@ -147,18 +149,22 @@ std::string salvageDetail(const ChatResponse& response) {
     const size_t chars = utf8::scalarCount(response.text);
     if (response.truncated && trimWhitespaceAndNewlines(response.text).empty())
         return who + " was cut off before any answer was written (" +
-               std::to_string(utf8::scalarCount(response.thinking)) + " chars of thinking filled the model's limit)";
+               std::to_string(utf8::scalarCount(response.thinking)) +
+               " chars of thinking filled the model's limit)";
     if (response.truncated)
         return who + " was cut off after " + std::to_string(chars) + " chars, before the JSON closed";
     return who + " was complete (" + std::to_string(chars) + " chars) but was not the JSON asked for";
 }
 
-std::string head(std::string_view text, size_t characters) { return oneLine(utf8::prefix(text, characters)); }
+std::string head(std::string_view text, size_t characters) {
+    return oneLine(utf8::prefix(text, characters));
+}
 
 std::string tail(std::string_view text, size_t characters) {
     const auto scalars = utf8::decode(text);
     if (scalars.size() <= characters) return oneLine(std::string(text));
-    return oneLine(utf8::encode(std::vector<char32_t>(scalars.end() - static_cast<long>(characters), scalars.end())));
+    return oneLine(
+        utf8::encode(std::vector<char32_t>(scalars.end() - static_cast<long>(characters), scalars.end())));
 }
 
 }  // namespace aimwise::ConsolidationReplies

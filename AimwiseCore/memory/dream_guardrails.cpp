@@ -21,8 +21,9 @@ std::optional<double> percentOf(const PowerSource::BatteryReading& battery) {
 
 std::optional<Decision> thermalDecision(const Snapshot& snapshot) {
     if (snapshot.thermalPressure == ThermalPressure::critical)
-        return Pause{"OS thermal state critical — system is already throttling to essential load; holding regardless "
-                     "of cause"};
+        return Pause{
+            "OS thermal state critical — system is already throttling to essential load; holding regardless "
+            "of cause"};
     if (snapshot.thermalPressure == ThermalPressure::serious)
         return LowPower{"OS thermal state serious — system is under real thermal pressure; shedding load"};
     return std::nullopt;
@@ -31,26 +32,33 @@ std::optional<Decision> thermalDecision(const Snapshot& snapshot) {
 std::optional<Decision> batteryDecision(const Snapshot& snapshot) {
     if (!isDraining(snapshot)) return std::nullopt;
     const auto& percent = snapshot.batteryPercent;
-    if (!percent || std::isnan(*percent)) return Pause{"battery draining, charge unreadable — holding to protect the reserve"};
+    if (!percent || std::isnan(*percent))
+        return Pause{"battery draining, charge unreadable — holding to protect the reserve"};
     const std::string value = shortestRoundTrip(*percent);
     if (*percent <= batteryPauseFloorPercent)
         return Pause{"battery " + value + "% draining ≤ floor 30% — holding to protect the reserve"};
-    if (*percent <= batteryLowPowerPercent) return LowPower{"battery " + value + "% draining ≤ 50% — shedding load"};
+    if (*percent <= batteryLowPowerPercent)
+        return LowPower{"battery " + value + "% draining ≤ 50% — shedding load"};
     return Decision{Proceed{}};
 }
 
 }  // namespace
 
-Snapshot Snapshot::live() { return live(PowerSource::sysfsRoot, Thermal::sysfsRoot); }
+Snapshot Snapshot::live() {
+    return live(PowerSource::sysfsRoot, Thermal::sysfsRoot);
+}
 
-Snapshot Snapshot::live(const std::filesystem::path& powerSupplyRoot, const std::filesystem::path& thermalRoot) {
+Snapshot Snapshot::live(const std::filesystem::path& powerSupplyRoot,
+                        const std::filesystem::path& thermalRoot) {
     Snapshot snapshot;
     snapshot.isPluggedIn = PowerSource::read(powerSupplyRoot).isPluggedIn;
     if (const auto battery = PowerSource::readBattery(powerSupplyRoot)) {
         snapshot.batteryPercent = percentOf(*battery);
         // "Unknown" (some drivers while the charger negotiates) says nothing either way.
-        if (battery->status == "Discharging") snapshot.batteryDischarging = true;
-        else if (battery->status == "Charging" || battery->status == "Full" || battery->status == "Not charging")
+        if (battery->status == "Discharging")
+            snapshot.batteryDischarging = true;
+        else if (battery->status == "Charging" || battery->status == "Full" ||
+                 battery->status == "Not charging")
             snapshot.batteryDischarging = false;
     }
     const Thermal::Reading thermal = Thermal::read(thermalRoot);
@@ -67,13 +75,17 @@ int severity(const Decision& decision) {
     return 0;
 }
 
-bool moreSevere(const Decision& a, const Decision& b) { return severity(a) > severity(b); }
+bool moreSevere(const Decision& a, const Decision& b) {
+    return severity(a) > severity(b);
+}
 
 std::string reasonOf(const Decision& decision) {
     return std::visit(
         [](const auto& value) -> std::string {
-            if constexpr (requires { value.reason; }) return value.reason;
-            else return "";
+            if constexpr (requires { value.reason; })
+                return value.reason;
+            else
+                return "";
         },
         decision);
 }
@@ -85,8 +97,9 @@ bool isDraining(const Snapshot& snapshot) {
 
 Decision evaluate(const Snapshot& snapshot) {
     if (snapshot.distantTempC && *snapshot.distantTempC >= distantTempAbortC)
-        return Abort{"distant sensor " + shortestRoundTrip(*snapshot.distantTempC) +
-                     "°C ≥ 45°C — enclosure hot with no airflow (backpack case), unsafe to keep the machine spinning"};
+        return Abort{
+            "distant sensor " + shortestRoundTrip(*snapshot.distantTempC) +
+            "°C ≥ 45°C — enclosure hot with no airflow (backpack case), unsafe to keep the machine spinning"};
     const auto thermal = thermalDecision(snapshot);
     const auto battery = batteryDecision(snapshot);
     if (thermal && battery) return moreSevere(*battery, *thermal) ? *battery : *thermal;

@@ -25,7 +25,8 @@ struct Snapshot {
     // The machine now, through platform/: the power supplies and the thermal zones. On Linux the
     // distant sensor has no counterpart and stays absent.
     static Snapshot live();
-    static Snapshot live(const std::filesystem::path& powerSupplyRoot, const std::filesystem::path& thermalRoot);
+    static Snapshot live(const std::filesystem::path& powerSupplyRoot,
+                         const std::filesystem::path& thermalRoot);
 };
 
 struct LowPower {

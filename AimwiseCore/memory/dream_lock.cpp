@@ -16,7 +16,7 @@
 namespace aimwise {
 
 class DreamLockHandle {
-public:
+  public:
     explicit DreamLockHandle(int fd) : fd_(fd) {}
     ~DreamLockHandle() {
         ::flock(fd_, LOCK_UN);
@@ -25,7 +25,7 @@ public:
     DreamLockHandle(const DreamLockHandle&) = delete;
     DreamLockHandle& operator=(const DreamLockHandle&) = delete;
 
-private:
+  private:
     int fd_;
 };
 
@@ -44,7 +44,9 @@ std::map<FileKey, std::weak_ptr<DreamLockHandle>>& heldByThisProcess() {
 
 }  // namespace
 
-fs::path dreamLockPath(const fs::path& dataRoot) { return MemoryStore::memoryDirectory(dataRoot) / ".dream.lock"; }
+fs::path dreamLockPath(const fs::path& dataRoot) {
+    return MemoryStore::memoryDirectory(dataRoot) / ".dream.lock";
+}
 
 LockAcquisition acquireDreamLock(const fs::path& dataRoot) {
     using Kind = LockAcquisition::Kind;
@@ -53,7 +55,8 @@ LockAcquisition acquireDreamLock(const fs::path& dataRoot) {
     if (error) return {Kind::unavailable, "could not create memory/ directory: " + error.message(), nullptr};
 
     const int fd = ::open(dreamLockPath(dataRoot).c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return {Kind::unavailable, "could not open lock file (errno " + std::to_string(errno) + ")", nullptr};
+    if (fd < 0)
+        return {Kind::unavailable, "could not open lock file (errno " + std::to_string(errno) + ")", nullptr};
     struct stat info {};
     if (::fstat(fd, &info) != 0) {
         const int saved = errno;
@@ -73,9 +76,10 @@ LockAcquisition acquireDreamLock(const fs::path& dataRoot) {
         const int saved = errno;
         ::close(fd);
         if (saved == EWOULDBLOCK) return {Kind::heldByAnotherProcess, "", nullptr};
-        return {Kind::unavailable, "could not lock " + dreamLockPath(dataRoot).string() + " (errno " +
-                                       std::to_string(saved) + ")",
-                nullptr};
+        return {
+            Kind::unavailable,
+            "could not lock " + dreamLockPath(dataRoot).string() + " (errno " + std::to_string(saved) + ")",
+            nullptr};
     }
     auto handle = std::make_shared<DreamLockHandle>(fd);
     held[key] = handle;

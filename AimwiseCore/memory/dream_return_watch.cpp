@@ -13,7 +13,8 @@ DreamReturnWatch::DreamReturnWatch(std::filesystem::path signalsDB, int64_t sinc
 DreamReturnWatch::~DreamReturnWatch() = default;
 
 bool DreamReturnWatch::showsReturn(const SignalsReader::TickRow& tick, int64_t sinceMs) {
-    if (!tick.idleAnySec || !std::isfinite(*tick.idleAnySec) || tick.frontmostApp == DreamSchedule::lockScreenApp)
+    if (!tick.idleAnySec || !std::isfinite(*tick.idleAnySec) ||
+        tick.frontmostApp == DreamSchedule::lockScreenApp)
         return false;
     const int64_t lastInputMs = tick.tsMs - static_cast<int64_t>(std::llround(*tick.idleAnySec * 1000.0));
     return lastInputMs > sinceMs;

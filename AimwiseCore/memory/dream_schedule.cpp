@@ -9,15 +9,20 @@ namespace aimwise::DreamSchedule {
 namespace {
 
 // A clock set back must not print a negative age.
-std::string wholeMinutes(int64_t ms) { return std::to_string(std::max<int64_t>(ms, 0) / 60'000); }
+std::string wholeMinutes(int64_t ms) {
+    return std::to_string(std::max<int64_t>(ms, 0) / 60'000);
+}
 
 }  // namespace
 
 const char* rawValue(Presence presence) {
     switch (presence) {
-        case Presence::away: return "away";
-        case Presence::present: return "present";
-        case Presence::unknown: return "unknown";
+        case Presence::away:
+            return "away";
+        case Presence::present:
+            return "present";
+        case Presence::unknown:
+            return "unknown";
     }
     return "unknown";
 }
@@ -41,12 +46,16 @@ Decision evaluate(const Snapshot& snapshot) {
     if (snapshot.pendingPeriodCount < 1) return Hold{"no pending periods -- memory is up to date"};
     if (snapshot.lastPassEndedAtMs) {
         const int64_t since = snapshot.asOfMs - *snapshot.lastPassEndedAtMs;
-        if (since < passBackoffMs) return Hold{"last pass ended " + wholeMinutes(since) + " min ago -- backing off"};
+        if (since < passBackoffMs)
+            return Hold{"last pass ended " + wholeMinutes(since) + " min ago -- backing off"};
     }
     switch (snapshot.presence) {
-        case Presence::away: return Dream{snapshot.pendingPeriodCount};
-        case Presence::present: return Hold{"he's at the machine -- dreaming can wait for a locked screen"};
-        case Presence::unknown: break;
+        case Presence::away:
+            return Dream{snapshot.pendingPeriodCount};
+        case Presence::present:
+            return Hold{"he's at the machine -- dreaming can wait for a locked screen"};
+        case Presence::unknown:
+            break;
     }
     if (!snapshot.latestEventAtMs || snapshot.asOfMs - *snapshot.latestEventAtMs >= quietLogMs)
         return Dream{snapshot.pendingPeriodCount};

@@ -5,7 +5,6 @@
 #include <unistd.h>
 
 #include <algorithm>
-#include <charconv>
 #include <fstream>
 #include <set>
 #include <string>
@@ -35,7 +34,8 @@ std::optional<int64_t> firstEventAtOrAfter(const fs::path& path, int64_t floorMs
     std::ifstream in(path);
     std::string line;
     while (in && std::getline(in, line))
-        if (const auto event = EventLogEvent::decode(line); event && event->tsMs >= floorMs) return event->tsMs;
+        if (const auto event = EventLogEvent::decode(line); event && event->tsMs >= floorMs)
+            return event->tsMs;
     return std::nullopt;
 }
 
@@ -44,25 +44,12 @@ struct NewestDigest {
     std::optional<int64_t> generatedAtMs;
 };
 
-std::set<int64_t> digestStarts(const fs::path& dataRoot) {
-    std::set<int64_t> starts;
-    std::error_code error;
-    for (fs::directory_iterator it(MemoryStore::digestsDirectory(dataRoot), error), end; !error && it != end;
-         it.increment(error)) {
-        if (it->path().extension() != ".json") continue;
-        const std::string stem = it->path().stem().string();
-        int64_t start = 0;
-        const auto [ptr, parsed] = std::from_chars(stem.data(), stem.data() + stem.size(), start);
-        if (parsed == std::errc() && ptr == stem.data() + stem.size()) starts.insert(start);
-    }
-    return starts;
-}
-
 NewestDigest newestDigest(const fs::path& dataRoot, const std::set<int64_t>& starts, int64_t stepMs) {
     if (starts.empty()) return {};
     const int64_t start = *starts.rbegin();
     try {
-        if (const auto digest = MemoryJSON::decodeDigest(readWholeFile(MemoryStore::digestPath(dataRoot, start))))
+        if (const auto digest =
+                MemoryJSON::decodeDigest(readWholeFile(MemoryStore::digestPath(dataRoot, start))))
             return {digest->periodEndTsMs, digest->generatedAtTsMs};
     } catch (const std::exception&) {
     }
@@ -108,7 +95,7 @@ Inputs read(const fs::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec) {
     const int64_t stepMs = stepIntervalSec * 1000;
     const fs::path events = dataRoot / "io-layer" / "events.jsonl";
 
-    const std::set<int64_t> starts = digestStarts(dataRoot);
+    const std::set<int64_t> starts = MemoryStore::digestStartsOnDisk(dataRoot);
     const NewestDigest newest = newestDigest(dataRoot, starts, stepMs);
     std::optional<int64_t> earliest;
     if (!newest.endMs) {
@@ -118,12 +105,14 @@ Inputs read(const fs::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec) {
     } else {
         earliest = newest.endMs;  // only its presence matters once a digest exists
     }
-    for (const auto& period : MemoryConsolidation::pendingPeriods(newest.endMs, earliest, asOfMs, stepIntervalSec))
+    for (const auto& period :
+         MemoryConsolidation::pendingPeriods(newest.endMs, earliest, asOfMs, stepIntervalSec))
         snapshot.pendingPeriodCount += starts.contains(period.startMs) ? 0 : 1;
 
     const auto standing = MemoryStore::readStandingMemory(dataRoot);
     inputs.standingMemorySalvaged = standing && standing->salvaged;
-    for (const auto made : {newest.generatedAtMs, standing ? std::optional(standing->regeneratedAtTsMs) : std::nullopt})
+    for (const auto made :
+         {newest.generatedAtMs, standing ? std::optional(standing->regeneratedAtTsMs) : std::nullopt})
         if (made) snapshot.lastPassEndedAtMs = std::max(snapshot.lastPassEndedAtMs.value_or(*made), *made);
 
     // The job's own lines are not the person's activity; a failed pass ended a pass all the same, and
@@ -134,7 +123,8 @@ Inputs read(const fs::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec) {
         if (event->source != MemoryConsolidationEvents::source)
             snapshot.latestEventAtMs = std::max(snapshot.latestEventAtMs.value_or(event->tsMs), event->tsMs);
         else if (event->type == "memory_consolidation_failed")
-            snapshot.lastPassEndedAtMs = std::max(snapshot.lastPassEndedAtMs.value_or(event->tsMs), event->tsMs);
+            snapshot.lastPassEndedAtMs =
+                std::max(snapshot.lastPassEndedAtMs.value_or(event->tsMs), event->tsMs);
     }
 
     std::vector<ClassifierTick> ticks;

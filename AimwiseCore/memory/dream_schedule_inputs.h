@@ -22,8 +22,8 @@ struct Inputs {
 std::vector<std::string> tailLines(const std::filesystem::path& path, size_t bytes);
 
 // `lastPassEndedAtMs` is when the last pass ended: the newest digest's or standing memory's making, or
-// a failed pass in the log. `latestEventAtMs` is the newest event not of the job's own. Pending periods follow the same rules as a pass, from the first event the wipe
-// log leaves standing.
+// a failed pass in the log. `latestEventAtMs` is the newest event not of the job's own. Pending periods
+// follow the same rules as a pass, from the first event the wipe log leaves standing.
 Inputs read(const std::filesystem::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec);
 
 }  // namespace aimwise::DreamScheduleInputs

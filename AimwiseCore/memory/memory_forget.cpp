@@ -83,15 +83,17 @@ MemoryForgetFilter::MemoryForgetFilter(const std::vector<MemoryForgetRequest>& r
 bool MemoryForgetFilter::mentions(std::string_view text) const {
     if (needles_.empty()) return false;
     const std::u16string haystack = normalized(text);
-    return std::any_of(needles_.begin(), needles_.end(),
-                       [&](const std::u16string& needle) { return haystack.find(needle) != std::u16string::npos; });
+    return std::any_of(needles_.begin(), needles_.end(), [&](const std::u16string& needle) {
+        return haystack.find(needle) != std::u16string::npos;
+    });
 }
 
 MemoryForgetFilter::Counts MemoryForgetFilter::countIn(const StandingMemory& memory) const {
     Counts counts;
     for (const auto& fact : memory.facts) counts.facts += mentions(fact.text);
     for (const auto& lesson : memory.lessons) counts.lessons += mentions(lesson);
-    for (const auto& thread : memory.threads) counts.threads += mentions(thread.name) || mentions(thread.notes);
+    for (const auto& thread : memory.threads)
+        counts.threads += mentions(thread.name) || mentions(thread.notes);
     return counts;
 }
 
@@ -99,8 +101,9 @@ StandingMemory MemoryForgetFilter::standingMemory(StandingMemory memory) const {
     if (needles_.empty()) return memory;
     std::erase_if(memory.facts, [&](const MemoryFact& fact) { return mentions(fact.text); });
     std::erase_if(memory.lessons, [&](const std::string& lesson) { return mentions(lesson); });
-    std::erase_if(memory.threads,
-                  [&](const MemoryThread& thread) { return mentions(thread.name) || mentions(thread.notes); });
+    std::erase_if(memory.threads, [&](const MemoryThread& thread) {
+        return mentions(thread.name) || mentions(thread.notes);
+    });
     return memory;
 }
 

@@ -23,7 +23,8 @@ std::string member(const EventLogEvent& event, const char* key) {
 std::string flattened(std::string text) {
     for (char& c : text)
         if (c == '\n' || c == '\r' || c == '\t') c = ' ';
-    if (text.size() > lineTextCap && utf8::scalarCount(text) > lineTextCap) text = utf8::prefix(text, lineTextCap) + "…";
+    if (text.size() > lineTextCap && utf8::scalarCount(text) > lineTextCap)
+        text = utf8::prefix(text, lineTextCap) + "…";
     return text;
 }
 
@@ -51,7 +52,8 @@ std::optional<std::string> text(const EventLogEvent& event) {
     if (type == "checker_output_sent") return nonEmpty("coach: ", member(event, "text"));
     if (type == "checker_input_received") return nonEmpty("", member(event, "text"));
     if (type == "app_chat_message") {
-        // Words nobody can attribute stay out: the coach's taken for the person's would become "asserted" facts.
+        // Words nobody can attribute stay out: the coach's taken for the person's would become "asserted"
+        // facts.
         const std::string role = member(event, "role");
         if (role == "user") return nonEmpty("", member(event, "text"));
         if (role == "coach" || role == "assistant") return nonEmpty("coach: ", member(event, "text"));
@@ -71,19 +73,21 @@ std::optional<std::string> text(const EventLogEvent& event) {
 }
 
 LogForDigests readForDigests(const std::filesystem::path& eventsLog, int64_t floorMs) {
-    static constexpr std::string_view rendered[] = {"task_declared",          "checker_output_sent",
-                                                    "checker_input_received", "app_chat_message",
-                                                    "app_project_link_asserted", "coach_session"};
+    static constexpr std::string_view rendered[] = {
+        "task_declared",    "checker_output_sent",       "checker_input_received",
+        "app_chat_message", "app_project_link_asserted", "coach_session"};
     LogForDigests log;
     std::error_code error;
     if (!std::filesystem::exists(eventsLog, error)) return log;
     std::ifstream in(eventsLog, std::ios::binary);
-    if (!in) throw std::filesystem::filesystem_error("could not read the event log", eventsLog,
-                                                     std::make_error_code(std::errc::permission_denied));
+    if (!in)
+        throw std::filesystem::filesystem_error("could not read the event log", eventsLog,
+                                                std::make_error_code(std::errc::permission_denied));
     std::string line;
     while (std::getline(in, line)) {
-        const bool candidate = std::any_of(std::begin(rendered), std::end(rendered),
-                                           [&](std::string_view type) { return line.find(type) != std::string::npos; });
+        const bool candidate =
+            std::any_of(std::begin(rendered), std::end(rendered),
+                        [&](std::string_view type) { return line.find(type) != std::string::npos; });
         if (!candidate && log.earliestEventMs) continue;
         auto event = EventLogEvent::decode(line);
         if (!event) continue;
@@ -91,14 +95,17 @@ LogForDigests readForDigests(const std::filesystem::path& eventsLog, int64_t flo
             log.earliestEventMs = event->tsMs;
         if (candidate && text(*event)) log.events.push_back(std::move(*event));
     }
-    if (in.bad()) throw std::filesystem::filesystem_error("could not read the event log", eventsLog,
-                                                          std::make_error_code(std::errc::io_error));
+    if (in.bad())
+        throw std::filesystem::filesystem_error("could not read the event log", eventsLog,
+                                                std::make_error_code(std::errc::io_error));
     std::stable_sort(log.events.begin(), log.events.end(),
                      [](const EventLogEvent& a, const EventLogEvent& b) { return a.tsMs < b.tsMs; });
     return log;
 }
 
-std::string indexTime(int64_t tsMs) { return CoachGateTimeline::formatDateTime(tsMs); }
+std::string indexTime(int64_t tsMs) {
+    return CoachGateTimeline::formatDateTime(tsMs);
+}
 
 Rendered renderIndexed(std::span<const EventLogEvent> events) {
     Rendered rendered;
@@ -106,8 +113,8 @@ Rendered renderIndexed(std::span<const EventLogEvent> events) {
         auto line = text(event);
         if (!line) continue;
         rendered.tsMsByLine.push_back(event.tsMs);
-        rendered.lines.push_back("[" + std::to_string(rendered.tsMsByLine.size()) + "] " + indexTime(event.tsMs) +
-                                 " " + flattened(std::move(*line)));
+        rendered.lines.push_back("[" + std::to_string(rendered.tsMsByLine.size()) + "] " +
+                                 indexTime(event.tsMs) + " " + flattened(std::move(*line)));
     }
     return rendered;
 }

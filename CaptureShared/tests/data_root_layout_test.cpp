@@ -28,7 +28,7 @@ TEST(DataRootLayoutTest, CoversFollowsTheInventory) {
 }
 
 TEST(DataRootLayoutTest, InventoryHasEveryEntryWithSidecars) {
-    EXPECT_EQ(DataRootLayout::entries().size(), 37u);  // 31 entries, two databases with three sidecars each
+    EXPECT_EQ(DataRootLayout::entries().size(), 38u);  // 32 entries, two databases with three sidecars each
     EXPECT_EQ(DataRootLayout::entries()[1].writer, "capture Signals; checker/set_task.py");
 }
 

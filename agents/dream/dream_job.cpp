@@ -28,7 +28,8 @@ const char* const usageText =
     "  the coach reads. The systemd timer runs it every 30 minutes; a pass starts only when nobody is at\n"
     "  the machine and memory is behind.\n"
     "  --once   one run now, if the schedule allows it (what the timer does)\n"
-    "  --force  one run now whatever the schedule says; the lock and the power and heat guardrails still hold\n";
+    "  --force  one run now whatever the schedule says; the lock and the power and heat guardrails still "
+    "hold\n";
 
 namespace {
 
@@ -63,7 +64,7 @@ bool deferralOpen(const fs::path& eventsLog) {
 
 // The guardrails asked during a pass, which also note in the event log when a deferral begins and ends.
 class Guardrails {
-public:
+  public:
     Guardrails(const Services& services, std::function<void(const EventLogEvent&)> record, bool deferring)
         : services_(services), record_(std::move(record)), deferring_(deferring) {}
 
@@ -72,7 +73,8 @@ public:
         std::lock_guard guard(mutex_);
         const int64_t now = services_.clock->wallMs();
         if (isStop(decision) && !deferring_) {
-            record_(MemoryConsolidationEvents::deferredPowerStarted(DreamGuardrails::reasonOf(decision), now));
+            record_(
+                MemoryConsolidationEvents::deferredPowerStarted(DreamGuardrails::reasonOf(decision), now));
             deferring_ = true;
         } else if (!isStop(decision) && deferring_) {
             record_(MemoryConsolidationEvents::deferredPowerEnded(now));
@@ -81,7 +83,7 @@ public:
         return decision;
     }
 
-private:
+  private:
     const Services& services_;
     std::function<void(const EventLogEvent&)> record_;
     std::mutex mutex_;
@@ -102,10 +104,13 @@ struct StandDown {
 // Polls for the person's return (and the guardrails, less often) on its own thread while a pass runs;
 // the first reason to stand down cancels the model call in flight and ends any retry wait.
 class Watcher {
-public:
+  public:
     Watcher(const Services& services, Guardrails& guardrails, std::shared_ptr<CancellationToken> token,
             std::unique_ptr<DreamReturnWatch> returnWatch)
-        : services_(services), guardrails_(guardrails), token_(std::move(token)), returnWatch_(std::move(returnWatch)) {
+        : services_(services),
+          guardrails_(guardrails),
+          token_(std::move(token)),
+          returnWatch_(std::move(returnWatch)) {
         thread_ = std::thread([this] { loop(); });
     }
     ~Watcher() {
@@ -119,7 +124,7 @@ public:
 
     std::shared_ptr<const StandDown> standDown() const { return standDown_; }
 
-private:
+  private:
     void loop() {
         int64_t sinceGuardrailsMs = 0;
         std::unique_lock lock(mutex_);
@@ -141,7 +146,8 @@ private:
                 token_->cancel();
                 break;
             }
-            wake_.wait_for(lock, std::chrono::milliseconds(services_.watchIntervalMs), [this] { return stopping_; });
+            wake_.wait_for(lock, std::chrono::milliseconds(services_.watchIntervalMs),
+                           [this] { return stopping_; });
         }
     }
 
@@ -160,16 +166,21 @@ std::string describe(const PassOutcome& outcome, bool sequential) {
     if (std::holds_alternative<NothingPending>(outcome))
         return sequential ? "the sequential memory has folded every digest" : "memory is up to date";
     if (const auto* done = std::get_if<Completed>(&outcome))
-        return sequential ? "done: " + std::to_string(done->digestsFolded) + " digest(s) folded into the sequential memory"
+        return sequential ? "done: " + std::to_string(done->digestsFolded) +
+                                " digest(s) folded into the sequential memory"
                           : "done: " + std::to_string(done->digestsWritten) +
                                 " period(s) digested, and the standing memory is up to date";
     const auto& stopped = std::get<Stopped>(outcome);
     const std::string kept = std::to_string(stopped.digestsWritten) + " digest(s) written and " +
-                             std::to_string(stopped.digestsFolded) + " folded are kept; the next run carries on";
+                             std::to_string(stopped.digestsFolded) +
+                             " folded are kept; the next run carries on";
     switch (stopped.stop.kind) {
-        case PassStop::Kind::lockHeld: return "held: another process is consolidating memory right now";
-        case PassStop::Kind::guardrail: return "paused: " + stopped.stop.reason + " -- " + kept;
-        case PassStop::Kind::yielded: return "stood down: " + stopped.stop.reason + " -- " + kept;
+        case PassStop::Kind::lockHeld:
+            return "held: another process is consolidating memory right now";
+        case PassStop::Kind::guardrail:
+            return "paused: " + stopped.stop.reason + " -- " + kept;
+        case PassStop::Kind::yielded:
+            return "stood down: " + stopped.stop.reason + " -- " + kept;
     }
     return "";
 }
@@ -205,9 +216,11 @@ int consolidate(const Options& options, const Services& services, const Log& log
     PeriodRendering::LogForDigests eventLog;
     try {
         const auto wipeAtMs = MemoryWipeLog::latestAtMs(MemoryWipeLog::defaultURL(services.dataRoot));
-        eventLog = PeriodRendering::readForDigests(eventsLog, std::max(earliestPlausibleEventMs, wipeAtMs.value_or(0)));
+        eventLog = PeriodRendering::readForDigests(eventsLog,
+                                                   std::max(earliestPlausibleEventMs, wipeAtMs.value_or(0)));
     } catch (const std::exception& error) {
-        log(std::string("FAIL: the event log could not be read (") + error.what() + "); memory was left as it is");
+        log(std::string("FAIL: the event log could not be read (") + error.what() +
+            "); memory was left as it is");
         return 1;
     }
 
@@ -215,7 +228,8 @@ int consolidate(const Options& options, const Services& services, const Log& log
     CancellationScope scope(token);
     // A person running --force by hand is at the machine: only the guardrails can stand it down.
     std::unique_ptr<DreamReturnWatch> returnWatch;
-    if (!options.force) returnWatch = std::make_unique<DreamReturnWatch>(services.dataRoot / "signals.sqlite", asOfMs);
+    if (!options.force)
+        returnWatch = std::make_unique<DreamReturnWatch>(services.dataRoot / "signals.sqlite", asOfMs);
     Watcher watcher(services, guardrails, token, std::move(returnWatch));
     const auto standDown = watcher.standDown();
     const auto backend = services.makeBackend([standDown] { return !standDown->get(); }, log);
@@ -241,7 +255,8 @@ int consolidate(const Options& options, const Services& services, const Log& log
 
 std::shared_ptr<ModelBackend> localBackend(const Environment& environment, const Log& log) {
     LocalModelConfig config{
-        .endpoint = LocalInferenceWire::chatCompletionsURL(LocalInferenceEndpoint::resolveOrThrow(environment)),
+        .endpoint =
+            LocalInferenceWire::chatCompletionsURL(LocalInferenceEndpoint::resolveOrThrow(environment)),
         .model = lookup(environment, "AIMCAP_MODEL")
                      .value_or(lookup(environment, "AIMCHECK_MODEL").value_or("gemma4:12b-it-qat")),
         .timeoutSec = consolidationTimeoutSec};
@@ -250,21 +265,25 @@ std::shared_ptr<ModelBackend> localBackend(const Environment& environment, const
 }
 
 int runOnce(const Options& options, const Services& services) {
-    const Log log = [&](const std::string& line) { services.out(ConsolidateLog::line(line, services.clock->wallMs())); };
+    const Log log = [&](const std::string& line) {
+        services.out(ConsolidateLog::line(line, services.clock->wallMs()));
+    };
     const int64_t asOfMs = services.clock->wallMs();
     const auto inputs = DreamScheduleInputs::read(services.dataRoot, asOfMs, defaultStepIntervalSec);
     const auto decision = DreamSchedule::evaluate(inputs.snapshot);
     const auto* hold = std::get_if<DreamSchedule::Hold>(&decision);
     if (options.force) {
-        log(std::string("forced: the schedule is skipped") + (hold ? " (it would hold: " + hold->reason + ")" : ""));
+        log(std::string("forced: the schedule is skipped") +
+            (hold ? " (it would hold: " + hold->reason + ")" : ""));
     } else if (hold) {
         log("held: " + hold->reason +
-            (inputs.standingMemorySalvaged ? " (the standing memory is salvaged; the next pass repairs it)" : ""));
+            (inputs.standingMemorySalvaged ? " (the standing memory is salvaged; the next pass repairs it)"
+                                           : ""));
         return 0;
     } else {
         log("starting: " + std::to_string(inputs.snapshot.pendingPeriodCount) + " period(s) to digest, and " +
             (inputs.snapshot.presence == DreamSchedule::Presence::away ? "the screen is locked"
-                                                                        : "no sign of anyone at the machine"));
+                                                                       : "no sign of anyone at the machine"));
     }
     try {
         return consolidate(options, services, log, asOfMs);
@@ -283,15 +302,17 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
             std::fputs(usageText, stdout);
             return 0;
         }
-        if (argument == "--force") options.force = true;
+        if (argument == "--force")
+            options.force = true;
         else if (argument != "--once") {
             std::fprintf(stderr, "aimwise-dream: unknown argument \"%s\"\n%s", argument.c_str(), usageText);
             return 2;
         }
     }
     if (!DataPaths::isDataRootAvailable()) {
-        std::fprintf(stderr, "FAIL: %s — nothing was read or written. Run `aimwise init PATH` first.\n",
-                     DataPaths::dataRootUnavailableReason().value_or("the data root is not available").c_str());
+        std::fprintf(
+            stderr, "FAIL: %s — nothing was read or written. Run `aimwise init PATH` first.\n",
+            DataPaths::dataRootUnavailableReason().value_or("the data root is not available").c_str());
         return 1;
     }
     Services services{.dataRoot = DataPaths::dataRoot(), .environment = environment};

@@ -27,8 +27,11 @@ struct Services {
     const Clock* clock = &Clock::system();
     // The consolidation backend; `shouldKeepWaiting` turns false when the pass should stand down, so
     // that a wait between retries ends at once.
-    std::function<std::shared_ptr<ModelBackend>(std::function<bool()> shouldKeepWaiting, const Log& log)> makeBackend;
-    std::function<DreamGuardrails::Snapshot()> readGuardrails = [] { return DreamGuardrails::Snapshot::live(); };
+    std::function<std::shared_ptr<ModelBackend>(std::function<bool()> shouldKeepWaiting, const Log& log)>
+        makeBackend;
+    std::function<DreamGuardrails::Snapshot()> readGuardrails = [] {
+        return DreamGuardrails::Snapshot::live();
+    };
     // Every line the job logs, already stamped.
     Log out;
     int64_t watchIntervalMs = 500;

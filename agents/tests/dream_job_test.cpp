@@ -21,27 +21,33 @@ namespace {
 namespace fs = std::filesystem;
 using Reply = ScriptedModelServer::Reply;
 
-std::string dreamPath() { return std::string(AIMWISE_BINARY_DIR) + "/bin/aimwise-dream"; }
+std::string dreamPath() {
+    return std::string(AIMWISE_BINARY_DIR) + "/bin/aimwise-dream";
+}
 
 // Answers each of the pass's three kinds of call as a model that does its job would.
 Reply consolidationReply(const ScriptedModelServer::Request& request) {
     const std::string message = request.json()["messages"][0]["content"].get<std::string>();
     std::string reply;
     if (message.starts_with("Below is one operational period"))
-        reply = R"({"summary": "Drafted.", "facts": [{"text": "Writes the thesis in the mornings", "provenance": "asserted", "source_lines": [1]}], "lessons": ["Naming the next step helped"]})";
+        reply =
+            R"({"summary": "Drafted.", "facts": [{"text": "Writes the thesis in the mornings", "provenance": "asserted", "source_lines": [1]}], "lessons": ["Naming the next step helped"]})";
     else
-        reply = R"({"threads": [{"name": "thesis", "status": "active", "notes": "drafting"}], "keep_fact_indices": [0], "lessons": ["Naming the next step helped"]})";
+        reply =
+            R"({"threads": [{"name": "thesis", "status": "active", "notes": "drafting"}], "keep_fact_indices": [0], "lessons": ["Naming the next step helped"]})";
     return Reply::json(200, ScriptedModelServer::completionBody(reply));
 }
 
 class DreamJobTest : public ::testing::Test {
-protected:
+  protected:
     void SetUp() override {
         const int64_t now = wallClockMs();
         for (int daysAgo = 3; daysAgo >= 1; --daysAgo)
-            EventLogWriter::append({.tsMs = now - daysAgo * 86'400'000, .type = "app_chat_message",
-                                    .detail = JSONValue::Object{{"role", "user"}, {"text", "mornings are for the thesis"}}},
-                                   sandbox.root / "io-layer/events.jsonl");
+            EventLogWriter::append(
+                {.tsMs = now - daysAgo * 86'400'000,
+                 .type = "app_chat_message",
+                 .detail = JSONValue::Object{{"role", "user"}, {"text", "mornings are for the thesis"}}},
+                sandbox.root / "io-layer/events.jsonl");
     }
     ProcessResult dream(const std::vector<std::string>& arguments) {
         auto env = sandbox.environment();
@@ -73,7 +79,8 @@ TEST_F(DreamJobTest, ANightlyRunMakesDigestsAndBothStandingMemoriesThenHolds) {
     const auto sequential = MemoryStore::readSequentialMemoryState(sandbox.root);
     ASSERT_TRUE(sequential);
     EXPECT_EQ(sequential->foldedPeriodStartsTsMs.size(), 3u);
-    EXPECT_EQ(server.requests("/v1/chat/completions").size(), 7u) << "three digests, one regeneration, three folds";
+    EXPECT_EQ(server.requests("/v1/chat/completions").size(), 7u)
+        << "three digests, one regeneration, three folds";
 
     const ProcessResult again = dream({});
     EXPECT_EQ(again.exitStatus, 0);
@@ -85,7 +92,8 @@ TEST_F(DreamJobTest, ASecondProcessIsRefusedByTheLockEvenWhenForced) {
     ASSERT_TRUE(held.acquired());
     const ProcessResult refused = dream({"--force"});
     EXPECT_EQ(refused.exitStatus, 0);
-    EXPECT_TRUE(says(refused, "held: another process is consolidating memory right now")) << refused.standardOutput;
+    EXPECT_TRUE(says(refused, "held: another process is consolidating memory right now"))
+        << refused.standardOutput;
     EXPECT_TRUE(server.requests().empty());
     EXPECT_TRUE(MemoryStore::readAllDigests(sandbox.root).empty());
     EXPECT_EQ(dream({"--later"}).exitStatus, 2);
@@ -97,7 +105,8 @@ TEST_F(DreamJobTest, APassStandsDownWithinASecondOfThePersonComingBack) {
         return SignalsReader::TickRow{.tsMs = ms, .frontmostApp = app, .idleAnySec = idleSec};
     };
     EXPECT_TRUE(DreamReturnWatch::showsReturn(tick(since + 5'000, "Code", 1), since));
-    EXPECT_FALSE(DreamReturnWatch::showsReturn(tick(since + 5'000, "Code", 6), since)) << "input from before the pass";
+    EXPECT_FALSE(DreamReturnWatch::showsReturn(tick(since + 5'000, "Code", 6), since))
+        << "input from before the pass";
     EXPECT_FALSE(DreamReturnWatch::showsReturn(tick(since + 5'000, "loginwindow", 0), since));
 
     SignalsFixture signals(sandbox.signals());
@@ -105,7 +114,8 @@ TEST_F(DreamJobTest, APassStandsDownWithinASecondOfThePersonComingBack) {
     server.enqueue("/v1/chat/completions", Reply{.ending = Reply::Ending::hang});
     std::function<bool()> keepWaiting;
     std::string out;
-    DreamJob::Services services{.dataRoot = sandbox.root, .readGuardrails = [] { return DreamGuardrails::Snapshot{}; },
+    DreamJob::Services services{.dataRoot = sandbox.root,
+                                .readGuardrails = [] { return DreamGuardrails::Snapshot{}; },
                                 .out = [&](const std::string& line) { out += line + "\n"; }};
     services.makeBackend = [&](std::function<bool()> shouldKeepWaiting, const DreamJob::Log& log) {
         keepWaiting = shouldKeepWaiting;
@@ -121,29 +131,34 @@ TEST_F(DreamJobTest, APassStandsDownWithinASecondOfThePersonComingBack) {
     const auto stoodDown = std::chrono::steady_clock::now();
     person.join();
     EXPECT_EQ(exitStatus, 0);
-    EXPECT_LT(stoodDown - cameBack, std::chrono::milliseconds(1500)) << "the model call in flight was abandoned";
+    EXPECT_LT(stoodDown - cameBack, std::chrono::milliseconds(1500))
+        << "the model call in flight was abandoned";
     EXPECT_NE(out.find("stood down: someone is at the machine again"), std::string::npos) << out;
     EXPECT_FALSE(keepWaiting()) << "a retry wait would end too";
     EXPECT_TRUE(MemoryStore::readAllDigests(sandbox.root).empty()) << "the period is left for the next run";
 }
 
 TEST_F(DreamJobTest, ForgettingIsRecordedAndHonouredOnReadWithoutTouchingTheDigests) {
-    MemoryStore::writeStandingMemory({.regeneratedAtTsMs = 1, .digestCount = 1,
+    MemoryStore::writeStandingMemory({.regeneratedAtTsMs = 1,
+                                      .digestCount = 1,
                                       .facts = {{"Works at ACME Corp", MemoryFactProvenance::asserted, {}},
                                                 {"Runs at dawn", MemoryFactProvenance::inferred, {}}}},
                                      sandbox.root);
     auto env = sandbox.environment();
-    const ProcessResult forgot = runProcess(aimwisePath(), {"memory", "forget", "acme", "corp"}, {.environment = env});
+    const ProcessResult forgot =
+        runProcess(aimwisePath(), {"memory", "forget", "acme", "corp"}, {.environment = env});
     EXPECT_EQ(forgot.exitStatus, 0);
-    EXPECT_EQ(forgot.standardOutput,
-              "Noted. From now on the coach's memory leaves out every fact, lesson and thread that mentions \"acme "
-              "corp\", whatever the case. In the standing memory that hides 1 fact, 0 lessons and 0 threads. The "
-              "nightly digests stay on disk as they were and are filtered whenever they are read, so nothing that "
-              "mentions it comes back into a new memory.\n");
+    EXPECT_EQ(
+        forgot.standardOutput,
+        "Noted. From now on the coach's memory leaves out every fact, lesson and thread that mentions \"acme "
+        "corp\", whatever the case. In the standing memory that hides 1 fact, 0 lessons and 0 threads. The "
+        "nightly digests stay on disk as they were and are filtered whenever they are read, so nothing that "
+        "mentions it comes back into a new memory.\n");
     const std::string shown = runProcess(aimwisePath(), {"memory"}, {.environment = env}).standardOutput;
     EXPECT_EQ(shown.find("ACME"), std::string::npos);
     EXPECT_NE(shown.find("Runs at dawn"), std::string::npos);
-    EXPECT_NE(shown.find("1 item left out because you asked to forget what they mention."), std::string::npos);
+    EXPECT_NE(shown.find("1 item left out because you asked to forget what they mention."),
+              std::string::npos);
     EXPECT_EQ(runProcess(aimwisePath(), {"memory", "forget", " "}, {.environment = env}).exitStatus, 2);
 }
 

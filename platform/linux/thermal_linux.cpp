@@ -11,10 +11,14 @@ namespace aimwise {
 
 const char* rawValue(ThermalPressure pressure) {
     switch (pressure) {
-        case ThermalPressure::nominal: return "nominal";
-        case ThermalPressure::fair: return "fair";
-        case ThermalPressure::serious: return "serious";
-        case ThermalPressure::critical: return "critical";
+        case ThermalPressure::nominal:
+            return "nominal";
+        case ThermalPressure::fair:
+            return "fair";
+        case ThermalPressure::serious:
+            return "serious";
+        case ThermalPressure::critical:
+            return "critical";
     }
     return "nominal";
 }
@@ -57,7 +61,8 @@ void setLowest(std::optional<double>& trip, double value) {
 
 bool typeNames(const std::string& type, std::string_view word) {
     std::string lower(type);
-    std::transform(lower.begin(), lower.end(), lower.begin(), [](unsigned char c) { return std::tolower(c); });
+    std::transform(lower.begin(), lower.end(), lower.begin(),
+                   [](unsigned char c) { return std::tolower(c); });
     return lower.find(word) != std::string::npos;
 }
 
@@ -85,9 +90,12 @@ std::vector<Zone> readZones(const fs::path& root) {
             if (!type) break;
             const auto value = celsius(path / (prefix + "temp"));
             if (!value) continue;
-            if (*type == "passive") setLowest(zone.passiveTripC, *value);
-            else if (*type == "hot") setLowest(zone.hotTripC, *value);
-            else if (*type == "critical") setLowest(zone.criticalTripC, *value);
+            if (*type == "passive")
+                setLowest(zone.passiveTripC, *value);
+            else if (*type == "hot")
+                setLowest(zone.hotTripC, *value);
+            else if (*type == "critical")
+                setLowest(zone.criticalTripC, *value);
         }
         zones.push_back(std::move(zone));
     }
@@ -111,17 +119,22 @@ Reading summarize(const std::vector<Zone>& zones) {
     Reading reading;
     std::optional<double> package, namedCPU;
     for (const Zone& zone : zones) {
-        if (zone.type == "x86_pkg_temp") keepHottest(package, zone.tempC);
-        else if (typeNames(zone.type, "cpu")) keepHottest(namedCPU, zone.tempC);
+        if (zone.type == "x86_pkg_temp")
+            keepHottest(package, zone.tempC);
+        else if (typeNames(zone.type, "cpu"))
+            keepHottest(namedCPU, zone.tempC);
         if (typeNames(zone.type, "gpu")) keepHottest(reading.gpuTempC, zone.tempC);
-        if (const auto pressure = pressureOf(zone); pressure && (!reading.pressure || *pressure > *reading.pressure))
+        if (const auto pressure = pressureOf(zone);
+            pressure && (!reading.pressure || *pressure > *reading.pressure))
             reading.pressure = pressure;
     }
     reading.cpuTempC = package ? package : namedCPU;
     return reading;
 }
 
-Reading read(const fs::path& root) { return summarize(readZones(root)); }
+Reading read(const fs::path& root) {
+    return summarize(readZones(root));
+}
 
 }  // namespace Thermal
 }  // namespace aimwise
