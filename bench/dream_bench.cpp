@@ -117,7 +117,7 @@ std::string dreamProgram() {
 }
 
 class Costs {
-  public:
+public:
     explicit Costs(benchmark::State& state) : state_(state) {}
     ~Costs() {
         state_.counters["cpu_ms"] = benchmark::Counter(cpuMs_, benchmark::Counter::kAvgIterations);
@@ -130,7 +130,7 @@ class Costs {
         if (cost.status != 0) state_.SkipWithError("the child failed");
     }
 
-  private:
+private:
     benchmark::State& state_;
     double cpuMs_ = 0;
     double rssKiB_ = 0;

@@ -171,7 +171,7 @@ Assessment assess(const PassContext& context, std::span<const EventLogEvent> eve
 // One run of a pass: the context, the options as they stand (low power turns thinking off), and
 // what has been done so far.
 class Pass {
-  public:
+public:
     enum class Mode { standing, sequential, backfill };
 
     Pass(std::span<const EventLogEvent> events, const PassContext& context, Mode mode)
@@ -185,7 +185,7 @@ class Pass {
 
     PassOutcome run(std::optional<int64_t> backfillLimit);
 
-  private:
+private:
     void log(const std::string& line) const { emit(context_.log, line); }
     void record(const EventLogEvent& event) const {
         if (context_.record) context_.record(event);
@@ -252,8 +252,7 @@ std::optional<PassStop> Pass::regenerate(Assessment assessment) {
     if (assessment.standing.state == MemoryStore::FileState::undecodable) {
         log("standing memory at " + MemoryStore::standingMemoryPath(context_.dataRoot).string() +
             " does not decode -- it is left as it is, and the coach goes on without it. Move it aside and "
-            "the next "
-            "pass makes a new one from the digests.");
+            "the next pass makes a new one from the digests.");
         return std::nullopt;
     }
     if (assessment.wipeAtMs &&
@@ -280,10 +279,8 @@ std::optional<PassStop> Pass::regenerate(Assessment assessment) {
         (memory.salvaged ? " [SALVAGED]" : ""));
     if (memory.salvaged) {
         log("WARNING: regeneration response did not parse -- SALVAGED every candidate unorganized. Standing "
-            "memory is "
-            "degraded (no threads, nothing pruned) until a regeneration succeeds. Re-run consolidation; if "
-            "it keeps "
-            "failing, the model's JSON is the bug.");
+            "memory is degraded (no threads, nothing pruned) until a regeneration succeeds. Re-run "
+            "consolidation; if it keeps failing, the model's JSON is the bug.");
         log(MemoryConsolidationEvents::degenerateReport(memory, ""));
     } else if (const auto reason = degenerateStandingMemoryReason(memory, assessment.usable)) {
         log("degenerate standing memory: " + *reason);
@@ -298,8 +295,7 @@ std::optional<PassStop> Pass::fold(std::optional<int64_t> limit) {
     if (!state0 && fs::exists(MemoryStore::sequentialStatePath(root))) {
         log("sequential standing memory at " + MemoryStore::sequentialStatePath(root).string() +
             " does not decode -- it is left as it is and nothing is folded. Move it aside and the next pass "
-            "folds "
-            "every digest again.");
+            "folds every digest again.");
         return std::nullopt;
     }
     SequentialMemoryState state = state0.value_or(SequentialMemoryState{});

@@ -16,7 +16,7 @@
 namespace aimwise {
 
 class DreamLockHandle {
-  public:
+public:
     explicit DreamLockHandle(int fd) : fd_(fd) {}
     ~DreamLockHandle() {
         ::flock(fd_, LOCK_UN);
@@ -25,7 +25,7 @@ class DreamLockHandle {
     DreamLockHandle(const DreamLockHandle&) = delete;
     DreamLockHandle& operator=(const DreamLockHandle&) = delete;
 
-  private:
+private:
     int fd_;
 };
 

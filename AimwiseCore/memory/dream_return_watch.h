@@ -14,7 +14,7 @@
 namespace aimwise {
 
 class DreamReturnWatch {
-  public:
+public:
     DreamReturnWatch(std::filesystem::path signalsDB, int64_t sinceMs);
     ~DreamReturnWatch();
     DreamReturnWatch(const DreamReturnWatch&) = delete;
@@ -27,7 +27,7 @@ class DreamReturnWatch {
     // on the next check.
     std::optional<std::string> check();
 
-  private:
+private:
     std::filesystem::path signalsDB_;
     int64_t sinceMs_;
     std::unique_ptr<SignalsReader> reader_;

@@ -30,7 +30,7 @@ std::vector<MemoryForgetRequest> read(const std::filesystem::path& url);
 
 // Matching ignores case (full Unicode case folding) and runs of white space.
 class MemoryForgetFilter {
-  public:
+public:
     explicit MemoryForgetFilter(const std::vector<MemoryForgetRequest>& requests);
 
     bool isEmpty() const { return needles_.empty(); }
@@ -49,7 +49,7 @@ class MemoryForgetFilter {
     // A summary that mentions the text is emptied as well.
     std::vector<PeriodDigest> digests(std::vector<PeriodDigest> digests) const;
 
-  private:
+private:
     std::vector<std::u16string> needles_;
 };
 

@@ -29,7 +29,7 @@ constexpr int64_t day0 = 20'500 * day;  // 2026-02-16, midnight UTC
 
 // Answers each call with the next scripted reply (or throws it), and keeps every message it was sent.
 class ScriptedBackend : public ModelBackend {
-  public:
+public:
     using Reply = std::function<ChatResponse()>;
     std::deque<Reply> replies;
     std::vector<std::string> messages;
@@ -61,7 +61,7 @@ const std::string regenerationReply =
     R"({"threads": [{"name": "thesis", "status": "active", "notes": "chapter 2"}, {"name": "x", "status": "paused"}], "keep_fact_indices": [0, 7, -1], "lessons": ["Short blocks helped"]})";
 
 class ConsolidationPassTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override { icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC")); }
 
     PassContext context(int64_t asOf) {
@@ -138,8 +138,7 @@ TEST(ConsolidationReplies, SalvageDetailSaysHowTheReplyFailed) {
         .text = "", .thinking = std::string(300, 't'), .truncated = true, .servedBy = "openrouter"};
     EXPECT_EQ(ConsolidationReplies::salvageDetail(response),
               "the reply from openrouter was cut off before any answer was written (300 chars of thinking "
-              "filled the "
-              "model's limit)");
+              "filled the model's limit)");
     response = {.text = "{\"thr", .truncated = true};
     EXPECT_EQ(ConsolidationReplies::salvageDetail(response),
               "the reply was cut off after 5 chars, before the JSON closed");
@@ -162,8 +161,7 @@ TEST(ConsolidationReplies, DegenerateOnlyWithFiveCandidatesAllKeptAndNoThreads) 
     EXPECT_EQ(degenerateStandingMemoryReason(keptAll(four), {four}), std::nullopt);
     EXPECT_EQ(degenerateStandingMemoryReason(keptAll(five), {five}),
               "0 threads, 5 fact(s)/1 lesson(s) kept out of 5/1 candidates -- nothing was pruned or "
-              "organized despite "
-              "real digest content");
+              "organized despite real digest content");
     StandingMemory pruned = keptAll(five);
     pruned.facts.pop_back();
     EXPECT_EQ(degenerateStandingMemoryReason(pruned, {five}), std::nullopt);

@@ -68,8 +68,7 @@ TEST(DreamGuardrails, HeatBeatsEverythingThenTheMoreSevereOfThermalAndBattery) {
     } cases[] = {
         {{.isPluggedIn = true, .distantTempC = 45.0},
          Abort{"distant sensor 45.0°C ≥ 45°C — enclosure hot with no airflow (backpack case), unsafe to keep "
-               "the "
-               "machine spinning"}},
+               "the machine spinning"}},
         {{.distantTempC = NAN}, Proceed{}},
         {{.batteryPercent = 30.0, .batteryDischarging = true},
          Pause{"battery 30.0% draining ≤ floor 30% — holding to protect the reserve"}},
@@ -81,8 +80,7 @@ TEST(DreamGuardrails, HeatBeatsEverythingThenTheMoreSevereOfThermalAndBattery) {
          Pause{"battery draining, charge unreadable — holding to protect the reserve"}},
         {{.batteryPercent = 80.0, .batteryDischarging = true, .thermalPressure = ThermalPressure::critical},
          Pause{"OS thermal state critical — system is already throttling to essential load; holding "
-               "regardless of "
-               "cause"}},
+               "regardless of cause"}},
         {{.batteryPercent = 20.0, .batteryDischarging = true, .thermalPressure = ThermalPressure::serious},
          Pause{"battery 20.0% draining ≤ floor 30% — holding to protect the reserve"}},
         {{.batteryPercent = 40.0, .batteryDischarging = true, .thermalPressure = ThermalPressure::serious},

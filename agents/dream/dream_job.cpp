@@ -64,7 +64,7 @@ bool deferralOpen(const fs::path& eventsLog) {
 
 // The guardrails asked during a pass, which also note in the event log when a deferral begins and ends.
 class Guardrails {
-  public:
+public:
     Guardrails(const Services& services, std::function<void(const EventLogEvent&)> record, bool deferring)
         : services_(services), record_(std::move(record)), deferring_(deferring) {}
 
@@ -83,7 +83,7 @@ class Guardrails {
         return decision;
     }
 
-  private:
+private:
     const Services& services_;
     std::function<void(const EventLogEvent&)> record_;
     std::mutex mutex_;
@@ -104,7 +104,7 @@ struct StandDown {
 // Polls for the person's return (and the guardrails, less often) on its own thread while a pass runs;
 // the first reason to stand down cancels the model call in flight and ends any retry wait.
 class Watcher {
-  public:
+public:
     Watcher(const Services& services, Guardrails& guardrails, std::shared_ptr<CancellationToken> token,
             std::unique_ptr<DreamReturnWatch> returnWatch)
         : services_(services),
@@ -124,7 +124,7 @@ class Watcher {
 
     std::shared_ptr<const StandDown> standDown() const { return standDown_; }
 
-  private:
+private:
     void loop() {
         int64_t sinceGuardrailsMs = 0;
         std::unique_lock lock(mutex_);

@@ -39,7 +39,7 @@ Reply consolidationReply(const ScriptedModelServer::Request& request) {
 }
 
 class DreamJobTest : public ::testing::Test {
-  protected:
+protected:
     void SetUp() override {
         const int64_t now = wallClockMs();
         for (int daysAgo = 3; daysAgo >= 1; --daysAgo)
