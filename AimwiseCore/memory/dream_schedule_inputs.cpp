@@ -127,10 +127,20 @@ Inputs read(const fs::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec) {
                 std::max(snapshot.lastPassEndedAtMs.value_or(event->tsMs), event->tsMs);
     }
 
-    std::vector<ClassifierTick> ticks;
-    for (const auto& line : tailLines(dataRoot / "checker-log.jsonl", tickTailBytes))
-        if (auto tick = ClassifierTick::decode(line)) ticks.push_back(std::move(*tick));
-    snapshot.presence = DreamSchedule::presence(ticks, asOfMs);
+    // Presence costs a date parse, and the schedule holds without it when nothing is pending or the last
+    // pass ended within the hour.
+    const bool holdsAlready =
+        snapshot.pendingPeriodCount < 1 ||
+        (snapshot.lastPassEndedAtMs && asOfMs - *snapshot.lastPassEndedAtMs < DreamSchedule::passBackoffMs);
+    if (holdsAlready) return inputs;
+
+    // The classifier appends each tick as it judges, so the last line that decodes is the newest; the
+    // lines before it would cost a date parse each for nothing.
+    std::vector<ClassifierTick> newestTick;
+    const auto lines = tailLines(dataRoot / "checker-log.jsonl", tickTailBytes);
+    for (auto line = lines.rbegin(); line != lines.rend() && newestTick.empty(); ++line)
+        if (auto tick = ClassifierTick::decode(*line)) newestTick.push_back(std::move(*tick));
+    snapshot.presence = DreamSchedule::presence(newestTick, asOfMs);
     return inputs;
 }
 

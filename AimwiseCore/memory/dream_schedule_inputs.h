@@ -23,7 +23,8 @@ std::vector<std::string> tailLines(const std::filesystem::path& path, size_t byt
 
 // `lastPassEndedAtMs` is when the last pass ended: the newest digest's or standing memory's making, or
 // a failed pass in the log. `latestEventAtMs` is the newest event not of the job's own. Pending periods
-// follow the same rules as a pass, from the first event the wipe log leaves standing.
+// follow the same rules as a pass, from the first event the wipe log leaves standing. Presence is read
+// only when the decision turns on it, and is unknown otherwise.
 Inputs read(const std::filesystem::path& dataRoot, int64_t asOfMs, int64_t stepIntervalSec);
 
 }  // namespace aimwise::DreamScheduleInputs
