@@ -319,9 +319,11 @@ int run(const std::vector<std::string>& arguments, const Environment& environmen
     services.makeBackend = [&environment](std::function<bool()>, const Log& log) {
         return localBackend(environment, log);
     };
+    // Failures go to standard error, the rest of the log to standard output; under systemd both reach dream.log.
     services.out = [](const std::string& line) {
-        std::fprintf(stdout, "%s\n", line.c_str());
-        std::fflush(stdout);
+        FILE* stream = line.find("] FAIL: ") != std::string::npos ? stderr : stdout;
+        std::fprintf(stream, "%s\n", line.c_str());
+        std::fflush(stream);
     };
     return runOnce(options, services);
 }
