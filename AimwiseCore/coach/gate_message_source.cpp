@@ -151,6 +151,7 @@ void GateMessageSource::refreshSmallFiles() {
     refresh(preferences_, CoachPreferencesStore::path(dataRoot_),
             [&](const fs::path&) { return CoachPreferencesStore::read(dataRoot_); });
     refresh(wipeAtMs_, MemoryWipeLog::defaultURL(dataRoot_), MemoryWipeLog::latestAtMs);
+    refresh(forgotten_, MemoryForgetLog::defaultURL(dataRoot_), MemoryForgetLog::read);
     refresh(corrections_, CoachCorrections::defaultURL(dataRoot_), CoachCorrections::read);
     refresh(memory_, MemoryStore::standingMemoryPath(dataRoot_), [&](const fs::path& path) {
         auto read = MemoryStore::inspectStandingMemory(dataRoot_);
@@ -196,7 +197,8 @@ GateMessageSource::Built GateMessageSource::build(int64_t nowMs, const Environme
     const std::string timeline = CoachGateTimeline::render(events_, timed, window,
                                                            capture(nowMs, settings.captureWindowMinutes));
     const auto memory = preferences_.value.standingMemoryEnabled
-                            ? MemoryWipeFilter::standingMemory(memory_.value, wipeAtMs_.value)
+                            ? MemoryForgetFilter(forgotten_.value)
+                                  .standingMemory(MemoryWipeFilter::standingMemory(memory_.value, wipeAtMs_.value))
                             : std::nullopt;
     std::vector<CoachCorrection> corrections = MemoryWipeFilter::corrections(corrections_.value, wipeAtMs_.value);
     std::erase_if(corrections, [&](const CoachCorrection& c) { return !c.isInForce(nowMs); });

@@ -18,6 +18,7 @@
 #include "AimwiseCore/coach/coach_gate_timeline.h"
 #include "AimwiseCore/coach/coach_preferences.h"
 #include "AimwiseCore/events/incremental_jsonl_reader.h"
+#include "AimwiseCore/memory/memory_forget.h"
 #include "AimwiseCore/memory/memory_records.h"
 #include "CaptureShared/common/environment.h"
 
@@ -88,6 +89,7 @@ private:
     Cached<std::optional<StandingMemory>> memory_;
     Cached<std::vector<CoachCorrection>> corrections_;
     Cached<std::optional<int64_t>> wipeAtMs_;
+    Cached<std::vector<MemoryForgetRequest>> forgotten_;
     std::vector<std::string> reported_;
 };
 

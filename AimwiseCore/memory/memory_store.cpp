@@ -3,6 +3,7 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cerrno>
 #include <string>
 #include <system_error>
@@ -82,6 +83,19 @@ std::vector<PeriodDigest> readAllDigests(const fs::path& dataRoot) {
         return a.periodStartTsMs < b.periodStartTsMs;
     });
     return digests;
+}
+
+std::set<int64_t> digestStartsOnDisk(const fs::path& dataRoot) {
+    std::set<int64_t> starts;
+    std::error_code error;
+    for (fs::directory_iterator it(digestsDirectory(dataRoot), error), end; !error && it != end; it.increment(error)) {
+        if (it->path().extension() != ".json") continue;
+        const std::string stem = it->path().stem().string();
+        int64_t start = 0;
+        const auto [ptr, parsed] = std::from_chars(stem.data(), stem.data() + stem.size(), start);
+        if (parsed == std::errc() && ptr == stem.data() + stem.size()) starts.insert(start);
+    }
+    return starts;
 }
 
 void writeDigest(const PeriodDigest& digest, const fs::path& dataRoot) {

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <filesystem>
 #include <optional>
+#include <set>
 #include <vector>
 
 #include "AimwiseCore/memory/memory_records.h"
@@ -37,6 +38,9 @@ std::optional<StandingMemory> readStandingMemory(const std::filesystem::path& da
 std::optional<SequentialMemoryState> readSequentialMemoryState(const std::filesystem::path& dataRoot);
 // Sorted by period start; files that cannot be read or decoded are skipped.
 std::vector<PeriodDigest> readAllDigests(const std::filesystem::path& dataRoot);
+// The period starts that have a digest file, read from the names alone: a damaged digest still
+// marks its period as done.
+std::set<int64_t> digestStartsOnDisk(const std::filesystem::path& dataRoot);
 
 // What a reader found, for callers that tell the person about a damaged file.
 enum class FileState { absent, decoded, undecodable };

@@ -43,6 +43,7 @@ std::vector<Entry> buildEntries() {
     e.push_back(file("coach-corrections.jsonl", "CoachCorrections"));
     e.push_back(file("coach-preferences.json", "CoachPreferences"));
     e.push_back(file("memory-wipes.jsonl", "MemoryWipe"));
+    e.push_back(file("memory-forget-requests.jsonl", "aimwise memory forget"));
     e.push_back(file("meds-log.jsonl", "MedsLog"));
     e.push_back(file("meds-ask-answers.jsonl", "MedsAskAnswerLog"));
     e.push_back(file("reaction-polls.jsonl", "ReactionPollLog"));

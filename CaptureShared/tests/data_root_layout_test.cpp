@@ -28,7 +28,7 @@ TEST(DataRootLayoutTest, CoversFollowsTheInventory) {
 }
 
 TEST(DataRootLayoutTest, InventoryHasEveryEntryWithSidecars) {
-    EXPECT_EQ(DataRootLayout::entries().size(), 39u);  // 33 entries, two databases with three sidecars each
+    EXPECT_EQ(DataRootLayout::entries().size(), 40u);  // 34 entries, two databases with three sidecars each
     EXPECT_EQ(DataRootLayout::entries()[1].writer, "capture Signals; checker/set_task.py");
 }
 

@@ -39,6 +39,7 @@ const char* const usageText =
     "  task --clear                           clear the declaration\n"
     "  status                                 task, newest verdict, signals and model at a glance\n"
     "  memory                                 what the coach remembers about you, and where it came from\n"
+    "  memory forget TEXT                     have the coach's memory leave out whatever mentions TEXT\n"
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
     "  label [--count N] | label --stats      say what you were really doing at judged moments\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"

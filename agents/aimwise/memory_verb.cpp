@@ -4,7 +4,10 @@
 #include <cstdio>
 
 #include "AimwiseCore/coach/coach_gate_timeline.h"
+#include "AimwiseCore/events/event_log_writer.h"
 #include "AimwiseCore/memory/memory_wipe.h"
+#include "CaptureShared/common/clock.h"
+#include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
 
 namespace aimwise::MemoryVerb {
@@ -39,7 +42,7 @@ void section(std::string& out, const char* title, const std::vector<Item>& items
 }  // namespace
 
 std::string render(const MemoryStore::StandingMemoryRead& read, std::optional<int64_t> wipeAtMs,
-                   const std::filesystem::path& file) {
+                   const std::filesystem::path& file, const std::vector<MemoryForgetRequest>& forgotten) {
     if (read.state == MemoryStore::FileState::absent)
         return "There is no standing memory yet. The nightly pass makes one from the days' logs.\n";
     if (!read.memory)
@@ -51,7 +54,8 @@ std::string render(const MemoryStore::StandingMemoryRead& read, std::optional<in
                ", before you asked to forget on " + formatDateTime(*wipeAtMs) +
                ", so the coach does not use it. The next nightly pass makes a new one from what came after.\n";
 
-    const StandingMemory& memory = *read.memory;
+    const MemoryForgetFilter filter(forgotten);
+    const StandingMemory memory = filter.standingMemory(*read.memory);
     std::string out = "Standing memory, made " + formatDateTime(memory.regeneratedAtTsMs) + " from " +
                       plural(static_cast<size_t>(std::max<int64_t>(memory.digestCount, 0)), "period digest") + ".\n";
     if (memory.salvaged)
@@ -65,13 +69,33 @@ std::string render(const MemoryStore::StandingMemoryRead& read, std::optional<in
     section(out, "Facts", memory.facts,
             [](const MemoryFact& fact) { return fact.text + " (" + provenance(fact) + ")"; });
     section(out, "Lessons", memory.lessons, [](const std::string& lesson) { return lesson; });
+    if (const size_t hidden = filter.countIn(*read.memory).total())
+        out += "\n" + plural(hidden, "item") + " left out because you asked to forget what they mention.\n";
     return out;
 }
 
+std::string forget(const std::filesystem::path& dataRoot, const std::string& text, int64_t nowMs) {
+    MemoryForgetLog::request({nowMs, text}, MemoryForgetLog::defaultURL(dataRoot));
+    const auto memory = MemoryStore::readStandingMemory(dataRoot);
+    const auto hidden = memory ? MemoryForgetFilter({{nowMs, text}}).countIn(*memory) : MemoryForgetFilter::Counts{};
+    return "Noted. From now on the coach's memory leaves out every fact, lesson and thread that mentions \"" + text +
+           "\", whatever the case. In the standing memory that hides " + plural(hidden.facts, "fact") + ", " +
+           plural(hidden.lessons, "lesson") + " and " + plural(hidden.threads, "thread") +
+           ". The nightly digests stay on disk as they were and are filtered whenever they are read, so nothing "
+           "that mentions it comes back into a new memory.\n";
+}
+
 int run(const std::vector<std::string>& arguments) {
+    std::string forgetText;
     if (!arguments.empty()) {
-        std::fprintf(stderr, "aimwise: memory takes no arguments\n");
-        return 2;
+        // The words may come quoted or not: `aimwise memory forget my sister's name`.
+        if (arguments.front() == "forget")
+            for (size_t i = 1; i < arguments.size(); ++i) forgetText += (forgetText.empty() ? "" : " ") + arguments[i];
+        forgetText = trimWhitespaceAndNewlines(forgetText);
+        if (arguments.front() != "forget" || forgetText.empty()) {
+            std::fprintf(stderr, "aimwise: memory takes no arguments, or forget TEXT (the words to forget)\n");
+            return 2;
+        }
     }
     if (!DataPaths::isDataRootAvailable()) {
         std::fprintf(stderr, "FAIL: %s — nothing was read. Run `aimwise init PATH` first.\n",
@@ -79,9 +103,23 @@ int run(const std::vector<std::string>& arguments) {
         return 1;
     }
     const auto root = DataPaths::dataRoot();
+    if (!forgetText.empty()) {
+        try {
+            const std::string said = forget(root, forgetText, wallClockMs());
+            std::fwrite(said.data(), 1, said.size(), stdout);
+            return 0;
+        } catch (const EventLogWriterError& error) {
+            std::fprintf(stderr, "FAIL: the request could not be recorded (%s); memory is unchanged.\n",
+                         error.description().c_str());
+        } catch (const std::exception& error) {
+            std::fprintf(stderr, "FAIL: the request could not be recorded (%s); memory is unchanged.\n", error.what());
+        }
+        return 1;
+    }
     const std::string text = render(MemoryStore::inspectStandingMemory(root),
                                     MemoryWipeLog::latestAtMs(MemoryWipeLog::defaultURL(root)),
-                                    MemoryStore::standingMemoryPath(root));
+                                    MemoryStore::standingMemoryPath(root),
+                                    MemoryForgetLog::read(MemoryForgetLog::defaultURL(root)));
     std::fwrite(text.data(), 1, text.size(), stdout);
     return 0;
 }

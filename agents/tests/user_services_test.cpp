@@ -23,8 +23,8 @@ TEST(UserServicesTest, TheCaptureUnitStartsTheBuiltAgentAndKeepsItRunning) {
              at = unit.text.find("\nExecStart=", at + 1)) {
             const std::string program = unit.text.substr(at + 11, unit.text.find_first_of(" \n", at + 11) - at - 11);
             EXPECT_EQ(program.rfind(std::string(AIMWISE_BINARY_DIR) + "/bin/", 0), 0u) << unit.name << ": " << program;
-            EXPECT_TRUE(std::filesystem::path(program).filename() == "aimwise-capture" ||
-                        std::filesystem::path(program).filename() == "VerdictBench")
+            const auto name = std::filesystem::path(program).filename();
+            EXPECT_TRUE(name == "aimwise-capture" || name == "VerdictBench" || name == "aimwise-dream")
                 << program;
         }
     }

@@ -35,12 +35,13 @@ std::optional<int64_t> milli(const std::optional<int64_t>& micro) {
     return *micro / 1000;
 }
 
-// Sorted, so that "the first battery" is the same supply on every read.
+// Sorted, so that "the first battery" is the same supply on every read. A wireless mouse's or
+// headset's battery (scope "Device") always discharges and says nothing about the machine's power.
 std::vector<fs::path> supplies(const fs::path& root) {
     std::vector<fs::path> found;
     std::error_code error;
     for (fs::directory_iterator it(root, error), end; !error && it != end; it.increment(error))
-        found.push_back(it->path());
+        if (attribute(it->path(), "scope") != "Device") found.push_back(it->path());
     std::sort(found.begin(), found.end());
     return found;
 }
