@@ -1,6 +1,5 @@
 #include "AimwiseCore/models/local_model_store.h"
 
-#include <openssl/evp.h>  // only the header: libcrypto is opened when a digest is first needed
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -8,8 +7,8 @@
 #include <memory>
 #include <nlohmann/json.hpp>
 
+#include "AimwiseCore/models/sha256_digest.h"
 #include "CaptureShared/common/atomic_file.h"
-#include "CaptureShared/common/shared_library.h"
 #include "CaptureShared/dataroot/data_paths.h"
 
 namespace aimwise {
@@ -17,24 +16,6 @@ namespace aimwise {
 namespace {
 
 using json = nlohmann::json;
-
-// The digest functions of libcrypto. Most processes never hash a model, so none of them pays for
-// loading it at start.
-struct Crypto {
-    SharedLibrary library{"libcrypto.so.3", "SHA-256", "libssl3"};
-    decltype(&EVP_MD_CTX_new) contextNew = library.function<decltype(&EVP_MD_CTX_new)>("EVP_MD_CTX_new");
-    decltype(&EVP_MD_CTX_free) contextFree = library.function<decltype(&EVP_MD_CTX_free)>("EVP_MD_CTX_free");
-    decltype(&EVP_sha256) sha256 = library.function<decltype(&EVP_sha256)>("EVP_sha256");
-    decltype(&EVP_DigestInit_ex) digestInit = library.function<decltype(&EVP_DigestInit_ex)>("EVP_DigestInit_ex");
-    decltype(&EVP_DigestUpdate) digestUpdate = library.function<decltype(&EVP_DigestUpdate)>("EVP_DigestUpdate");
-    decltype(&EVP_DigestFinal_ex) digestFinal =
-        library.function<decltype(&EVP_DigestFinal_ex)>("EVP_DigestFinal_ex");
-};
-
-const Crypto& libcrypto() {
-    static const Crypto* const loaded = new Crypto();
-    return *loaded;
-}
 
 struct Identity {
     int64_t sizeBytes = 0;
@@ -183,27 +164,35 @@ LocalModelStore::VerificationResult LocalModelStore::verify(const LocalModelMani
     return result;
 }
 
+bool LocalModelStore::recordVerified(const LocalModelManifest::File& file, const std::string& sha256,
+                                     int64_t nowMs) const {
+    const std::optional<Identity> identity = identityOf(directory_ / file.name);
+    if (!identity || identity->sizeBytes != file.sizeBytes || lowercased(sha256) != lowercased(file.sha256))
+        return false;
+    json records = readJSON(verificationsPath());
+    if (!records.contains("files") || !records["files"].is_object()) records["files"] = json::object();
+    records["files"][file.name] = {{"size_bytes", identity->sizeBytes}, {"mtime_ns", identity->mtimeNs},
+                                   {"ctime_ns", identity->ctimeNs},     {"inode", identity->inode},
+                                   {"device", identity->device},        {"sha256", lowercased(sha256)},
+                                   {"verified_at_ms", nowMs}};
+    writeJSON(verificationsPath(), records);
+    return true;
+}
+
 std::optional<std::string> LocalModelStore::sha256OfFile(const std::filesystem::path& path) {
     std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
     if (!file) return std::nullopt;
-    const Crypto& crypto = libcrypto();
-    std::unique_ptr<EVP_MD_CTX, void (*)(EVP_MD_CTX*)> context(crypto.contextNew(), crypto.contextFree);
-    if (!context || crypto.digestInit(context.get(), crypto.sha256(), nullptr) != 1) return std::nullopt;
-    std::vector<unsigned char> buffer(1 << 20);
-    size_t count;
-    while ((count = std::fread(buffer.data(), 1, buffer.size(), file.get())) > 0)
-        if (crypto.digestUpdate(context.get(), buffer.data(), count) != 1) return std::nullopt;
-    if (std::ferror(file.get())) return std::nullopt;
-    unsigned char digest[EVP_MAX_MD_SIZE];
-    unsigned int length = 0;
-    if (crypto.digestFinal(context.get(), digest, &length) != 1) return std::nullopt;
-    static constexpr char hex[] = "0123456789abcdef";
-    std::string out;
-    for (unsigned int i = 0; i < length; ++i) {
-        out += hex[digest[i] >> 4];
-        out += hex[digest[i] & 15];
+    try {
+        Sha256Digest digest;
+        std::vector<char> buffer(1 << 20);
+        size_t count;
+        while ((count = std::fread(buffer.data(), 1, buffer.size(), file.get())) > 0)
+            digest.update(std::string_view(buffer.data(), count));
+        if (std::ferror(file.get())) return std::nullopt;
+        return digest.finalHex();
+    } catch (const std::runtime_error&) {
+        return std::nullopt;
     }
-    return out;
 }
 
 }  // namespace aimwise
