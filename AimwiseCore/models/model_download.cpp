@@ -233,7 +233,11 @@ std::string humanBytes(int64_t bytes) {
     return text;
 }
 
-Result fetch(const Request& request, const std::function<void(const Progress&)>& onProgress) {
+namespace {
+
+namespace fs = std::filesystem;
+
+Result fetchInto(const Request& request, const std::function<void(const Progress&)>& onProgress) {
     const std::filesystem::path& partial = request.partialPath;
     std::filesystem::create_directories(partial.parent_path());
     // No symbolic link: the file written is the one named, never something it points at.
@@ -330,6 +334,20 @@ Result fetch(const Request& request, const std::function<void(const Progress&)>&
                                      "installed.");
     }
     return {digest, transfer.written, transfer.resumedFrom};
+}
+
+}  // namespace
+
+Result fetch(const Request& request, const std::function<void(const Progress&)>& onProgress) {
+    try {
+        return fetchInto(request, onProgress);
+    } catch (const ModelDownloadError&) {
+        // A refusal before the first byte leaves no empty file behind.
+        std::error_code error;
+        if (fs::is_regular_file(request.partialPath, error) && fs::file_size(request.partialPath, error) == 0 && !error)
+            fs::remove(request.partialPath, error);
+        throw;
+    }
 }
 
 }  // namespace aimwise::ModelDownload
