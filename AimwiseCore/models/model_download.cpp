@@ -10,9 +10,13 @@
 
 #include <cerrno>
 #include <charconv>
+#include <condition_variable>
+#include <deque>
 #include <cstring>
 #include <memory>
+#include <mutex>
 #include <optional>
+#include <thread>
 #include <vector>
 
 #include "AimwiseCore/models/sha256_digest.h"
@@ -81,13 +85,92 @@ bool isLoopback(const std::string& url) {
                             ". Nothing half-written was kept; free some space and run the same command again.");
 }
 
+// Hashes on a thread of its own, so that digesting one chunk overlaps receiving and writing the
+// next: with SHA-256 the dearest step per byte, this is what keeps it from setting the pace.
+class BackgroundDigest {
+public:
+    BackgroundDigest() : worker_([this] { run(); }) {}
+    ~BackgroundDigest() {
+        {
+            std::lock_guard lock(mutex_);
+            closed_ = true;
+        }
+        changed_.notify_all();
+        worker_.join();
+    }
+    BackgroundDigest(const BackgroundDigest&) = delete;
+    BackgroundDigest& operator=(const BackgroundDigest&) = delete;
+
+    void update(std::string_view bytes) {
+        filling_.append(bytes);
+        if (filling_.size() >= chunkBytes) hand();
+    }
+    std::string finalHex() {
+        hand();
+        std::unique_lock lock(mutex_);
+        closed_ = true;
+        changed_.notify_all();
+        changed_.wait(lock, [&] { return finished_; });
+        if (failure_) std::rethrow_exception(failure_);
+        return hex_;
+    }
+
+private:
+    static constexpr size_t chunkBytes = 4 << 20;
+    static constexpr size_t maxQueued = 4;
+
+    void hand() {
+        if (filling_.empty()) return;
+        std::unique_lock lock(mutex_);
+        changed_.wait(lock, [&] { return queue_.size() < maxQueued; });
+        queue_.push_back(std::move(filling_));
+        filling_ = std::string();
+        filling_.reserve(chunkBytes + (512 << 10));
+        changed_.notify_all();
+    }
+    void run() {
+        try {
+            Sha256Digest digest;
+            for (;;) {
+                std::string chunk;
+                {
+                    std::unique_lock lock(mutex_);
+                    changed_.wait(lock, [&] { return !queue_.empty() || closed_; });
+                    if (queue_.empty()) break;
+                    chunk = std::move(queue_.front());
+                    queue_.pop_front();
+                    changed_.notify_all();
+                }
+                digest.update(chunk);
+            }
+            hex_ = digest.finalHex();
+        } catch (...) {
+            failure_ = std::current_exception();
+        }
+        std::lock_guard lock(mutex_);
+        finished_ = true;
+        queue_.clear();
+        changed_.notify_all();
+    }
+
+    std::string filling_;
+    std::mutex mutex_;
+    std::condition_variable changed_;
+    std::deque<std::string> queue_;
+    bool closed_ = false;
+    bool finished_ = false;
+    std::string hex_;
+    std::exception_ptr failure_;
+    std::thread worker_;
+};
+
 struct Transfer {
     const Request& request;
     int fd = -1;
     CURL* curl = nullptr;
     int64_t offset = 0;   // bytes of the partial file this attempt continues
     int64_t written = 0;  // bytes in the partial file now
-    std::unique_ptr<Sha256Digest> digest;
+    std::unique_ptr<BackgroundDigest> digest;
     std::vector<std::pair<std::string, std::string>> headers;
     std::string statusLine;
     bool headChecked = false;
@@ -137,7 +220,7 @@ struct Transfer {
                 throw ModelDownloadError(Kind::writeFailed, "could not restart " + request.partialPath.string() +
                                                                 ": " + std::strerror(errno));
             offset = written = resumedFrom = 0;
-            digest = std::make_unique<Sha256Digest>();
+            digest = std::make_unique<BackgroundDigest>();
         }
         if (!fileURL && bodyBytes >= 0 && offset + bodyBytes != request.expectedSizeBytes) wrongSize(offset + bodyBytes);
     }
@@ -198,7 +281,7 @@ size_t onBody(char* data, size_t size, size_t count, void* context) {
 }
 
 // The partial file's bytes, digested, or nothing when they cannot be read back.
-bool digestExisting(int fd, int64_t length, Sha256Digest& digest) {
+bool digestExisting(int fd, int64_t length, BackgroundDigest& digest) {
     std::vector<char> buffer(1 << 20);
     int64_t done = 0;
     while (done < length) {
@@ -251,7 +334,7 @@ Result fetchInto(const Request& request, const std::function<void(const Progress
     Transfer transfer{request};
     transfer.fd = fd;
     transfer.onProgress = &onProgress;
-    transfer.digest = std::make_unique<Sha256Digest>();
+    transfer.digest = std::make_unique<BackgroundDigest>();
     struct stat info {};
     if (::fstat(fd, &info) != 0 || !S_ISREG(info.st_mode))
         throw ModelDownloadError(Kind::writeFailed, partial.string() + " is not a regular file");
@@ -260,7 +343,7 @@ Result fetchInto(const Request& request, const std::function<void(const Progress
         if (::ftruncate(fd, 0) != 0)
             throw ModelDownloadError(Kind::writeFailed, "could not empty " + partial.string() + ": " + std::strerror(errno));
         transfer.offset = 0;
-        transfer.digest = std::make_unique<Sha256Digest>();
+        transfer.digest = std::make_unique<BackgroundDigest>();
     }
     transfer.written = transfer.resumedFrom = transfer.offset;
     ::lseek(fd, transfer.offset, SEEK_SET);

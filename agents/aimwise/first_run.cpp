@@ -14,6 +14,8 @@ constexpr const char* captureUnit = "aimwise-capture.service";
 
 std::optional<std::string> dataRootProblem() {
     if (DataPaths::isDataRootAvailable()) return std::nullopt;
+    if (DataPaths::dataRootSource() == DataPaths::RootSource::environment && DataPaths::dataRoot().empty())
+        return "AIMCAP_DATA_ROOT is set to nothing — unset it, and run `aimwise init PATH` if no data root is set up";
     if (DataPaths::dataRootSource() != DataPaths::RootSource::unconfigured)
         return "the data root " + DataPaths::dataRoot().string() +
                " is not there (an unmounted disk?) — mount it, or run `aimwise init PATH` to choose another";

@@ -7,6 +7,7 @@
 #include <cstdio>
 #include <deque>
 #include <iostream>
+#include <set>
 
 #include "AimwiseCore/classifier/classifier_model.h"
 #include "AimwiseCore/models/http_session.h"
@@ -411,13 +412,12 @@ std::string renderList(const ModelCatalogue& catalogue, const LocalModelStore& s
         }
         out += "  " + now + "\n";
     }
-    for (const std::string& name : {roles.classifier, roles.coach})
-        if (!catalogue.find(name) && out.find("\n" + name + " (") == std::string::npos && !out.starts_with(name + " (")) {
+    // A model a role asks for that the catalogue does not know is still worth a line.
+    for (const std::string& name : std::set<std::string>{roles.classifier, roles.coach})
+        if (!catalogue.find(name)) {
             const std::string now = state(name);
             out += name + describeUse(name) + "\n  not in the catalogue; " +
-                   (now.empty() ? "not installed, so the classifier cannot check which file it is served"
-                                : now) +
-                   "\n";
+                   (now.empty() ? "not installed, so which file a server serves for it cannot be checked" : now) + "\n";
         }
     out += "Models directory: " + store.modelsDirectory().string() + "\n";
     return out;
