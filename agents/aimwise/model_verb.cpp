@@ -31,7 +31,7 @@ using ModelDownload::humanBytes;
 namespace {
 
 constexpr const char* usageText =
-    "usage: aimwise model list\n"
+    "usage: aimwise model list [--installed]\n"
     "       aimwise model install [NAME] [--no-wait]   (default: the classifier's model, else the one for this machine)\n"
     "       aimwise model serve [NAME] [--no-start]    (default: the classifier's model)\n";
 constexpr int64_t serveWaitMs = 120'000;
@@ -145,9 +145,18 @@ std::optional<std::string> defaultInstallName(const ModelCatalogue& catalogue, c
     return ModelProvisioning::recommendedDefaultModel(ModelProvisioning::physicalMemoryBytes());
 }
 
-int runList() {
+int runList(bool installedOnly) {
     const LocalModelStore store = defaultStore();
     const ModelCatalogue known = catalogue(store);
+    if (installedOnly) {
+        // For scripts: the verified models, one name a line, the classifier's first.
+        std::vector<std::string> names{roles(effectiveEnvironment()).classifier};
+        for (const auto& entry : known.entries)
+            if (entry.name != names.front()) names.push_back(entry.name);
+        for (const auto& name : names)
+            if (isVerified(store, name)) say(name);
+        return 0;
+    }
     std::fputs(renderList(known, store, roles(effectiveEnvironment()),
                           ModelProvisioning::recommendedDefaultModel(ModelProvisioning::physicalMemoryBytes()))
                    .c_str(),
@@ -514,7 +523,9 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     const std::string& verb = arguments.front();
     const std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
     try {
-        if (verb == "list") return rest.empty() ? runList() : usage("list takes no arguments");
+        if (verb == "list")
+            return rest.empty() || rest == std::vector<std::string>{"--installed"} ? runList(!rest.empty())
+                                                                                   : usage("list takes only --installed");
         if (verb == "install") return runInstall(rest, clock);
         if (verb == "serve") return runServe(rest, clock);
     } catch (const ModelCatalogueError& error) {
