@@ -84,6 +84,9 @@ ModelCatalogue ModelCatalogue::parse(std::string_view text, const std::string& s
             throw ModelCatalogueError(where + " needs a \"name\"");
         Entry entry;
         entry.name = trimWhitespaceAndNewlines(value["name"].get<std::string>());
+        // The name reaches settings, unit files and terminals.
+        if (std::any_of(entry.name.begin(), entry.name.end(), [](unsigned char c) { return c < 0x20 || c == 0x7f; }))
+            throw ModelCatalogueError(where + ": the name holds a control character");
         const std::string named = source + ", " + entry.name;
         if (catalogue.find(entry.name)) throw ModelCatalogueError(named + " is listed twice");
         if (value.contains("summary") && value["summary"].is_string()) entry.summary = value["summary"].get<std::string>();

@@ -219,6 +219,7 @@ TEST(ModelCatalogueTest, EntriesAreCheckedAndTheMirrorKeepsEachFileItsPath) {
     EXPECT_EQ(parsed.entries[0].model.sha256, std::string(64, 'a'));
     EXPECT_TRUE(parsed.entries[0].gaps().empty());
     for (const char* bad : {R"([])", R"({"models":[{"name":" "}]})", "{\"models\":[{\"name\":\"a\",\"model\":{}}]}",
+                            R"({"models":[{"name":"a\nb","model":{"file":"a","url":"https://h/a"}}]})",
                             R"({"models":[{"name":"a","model":{"file":"../a","url":"https://h/a"}}]})",
                             R"({"models":[{"name":"a","model":{"file":"a","url":"ftp://h/a"}}]})",
                             R"({"models":[{"name":"a","model":{"file":"a","url":"https://h/a","sha256":"abc"}}]})",

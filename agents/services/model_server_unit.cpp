@@ -103,13 +103,16 @@ Lookup findProgram(const Environment& environment) {
         if (end > start) places.push_back(path.substr(start, end - start));
         start = end + 1;
     }
+    const size_t fromPath = places.size();
     const fs::path home = aimwise::lookup(environment, "HOME").value_or("");
     if (!home.empty()) places.push_back(home / ".local/bin");
     places.push_back("/usr/local/bin");
     if (!home.empty()) places.push_back(home / "llama.cpp/build/bin");
-    for (const fs::path& place : places) {
+    for (size_t i = 0; i < places.size(); ++i) {
+        const fs::path& place = places[i];
         if (std::find(lookup.searched.begin(), lookup.searched.end(), place / "llama-server") != lookup.searched.end())
             continue;
+        if (i < fromPath) ++lookup.fromPath;
         lookup.searched.push_back(place / "llama-server");
         if (!lookup.found && isExecutable(place / "llama-server")) lookup.found = place / "llama-server";
     }
@@ -118,9 +121,9 @@ Lookup findProgram(const Environment& environment) {
 
 std::string notFoundAdvice(const Lookup& lookup) {
     std::vector<std::string> places;
-    for (const auto& place : lookup.searched) places.push_back(place.string());
-    return "llama-server, the model server of llama.cpp, is not installed: it was looked for at " + join(places, ", ") +
-           ".\n"
+    for (size_t i = lookup.fromPath; i < lookup.searched.size(); ++i) places.push_back(lookup.searched[i].string());
+    const std::string where = lookup.fromPath > 0 ? "it is in no directory of the PATH, nor at " : "it is not at ";
+    return "llama-server, the model server of llama.cpp, is not installed: " + where + join(places, ", ") + ".\n"
            "Debian 12 does not package it. Build it from source (a few minutes):\n"
            "    sudo apt-get install git cmake build-essential libcurl4-openssl-dev\n"
            "    git clone https://github.com/ggml-org/llama.cpp ~/llama.cpp\n"

@@ -2,6 +2,7 @@
 // The systemd user unit that runs llama.cpp's llama-server with the installed model, where the
 // classifier and the coach look for it. It is written by `aimwise model serve` for the model of
 // the moment, so unlike the other units it is not fixed at build time.
+#include <cstddef>
 #include <cstdint>
 #include <filesystem>
 #include <optional>
@@ -43,8 +44,9 @@ std::string unitText(const Settings& settings);
 
 struct Lookup {
     std::optional<std::filesystem::path> found;
-    // Every place that was looked in, in order.
+    // Every place that was looked in, in order: the PATH's first, then the usual places.
     std::vector<std::filesystem::path> searched;
+    size_t fromPath = 0;
 };
 
 // AIMWISE_LLAMA_SERVER when set; otherwise the PATH, then ~/.local/bin, /usr/local/bin and

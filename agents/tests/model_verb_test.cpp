@@ -165,7 +165,7 @@ TEST(ModelVerbTest, InstallStatusServeAndUninstallAsAPersonRunsThem) {
 
     const ProcessResult missing = person.aimwise({"model", "serve", "--no-start"});
     EXPECT_EQ(missing.exitStatus, 1);
-    EXPECT_NE(missing.standardError.find("it was looked for at " + (person.bin / "llama-server").string() + ", " +
+    EXPECT_NE(missing.standardError.find("is not installed: it is in no directory of the PATH, nor at " +
                                          (person.sandbox.home / ".local/bin/llama-server").string() +
                                          ", /usr/local/bin/llama-server, " +
                                          (person.sandbox.home / "llama.cpp/build/bin/llama-server").string() + ".\n"),
