@@ -327,10 +327,10 @@ Result fetchInto(const Request& request, const std::function<void(const Progress
     const int fd = ::open(partial.c_str(), O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0600);
     if (fd < 0)
         throw ModelDownloadError(Kind::writeFailed, "could not open " + partial.string() + ": " + std::strerror(errno));
-    std::unique_ptr<int, void (*)(int*)> closer(new int(fd), [](int* f) {
-        ::close(*f);
-        delete f;
-    });
+    struct Closer {
+        int fd;
+        ~Closer() { ::close(fd); }
+    } closer{fd};
     Transfer transfer{request};
     transfer.fd = fd;
     transfer.onProgress = &onProgress;
@@ -352,7 +352,6 @@ Result fetchInto(const Request& request, const std::function<void(const Progress
         const std::optional<int64_t> free = freeBytes(partial.parent_path());
         // A little to spare for the manifests and whatever else writes meanwhile.
         if (free && *free < request.expectedSizeBytes - transfer.offset + (16 << 20)) {
-            ::close(*closer.release());
             diskFull(request, request.expectedSizeBytes, std::max<int64_t>(0, *free + transfer.offset));
         }
         CURL* curl = libcurl().easyInit();
