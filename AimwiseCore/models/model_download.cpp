@@ -194,6 +194,12 @@ struct Transfer {
         long status = 0;
         libcurl().easyGetinfo(curl, CURLINFO_RESPONSE_CODE, &status);
         const bool fileURL = request.url.starts_with("file://");
+        // Nothing left to send from where the partial file ends: the server's file is shorter.
+        if (status == 416 && offset > 0) {
+            ::unlink(request.partialPath.c_str());
+            refuse(Kind::wrongSize, "has fewer bytes than the " + humanBytes(offset) + " already downloaded of " +
+                                        request.displayName + ": it is not the same file, so nothing was kept.");
+        }
         if (!fileURL && status != 200 && status != 206) {
             const std::string reason = statusLine.empty() ? "HTTP " + std::to_string(status) : statusLine;
             refuse(Kind::refusedReply, "answered " + reason + " instead of the file; nothing was written.");

@@ -104,6 +104,13 @@ TEST_F(Installer, AnInterruptedDownloadContinuesFromItsLastByte) {
     server.route("/m.gguf", {.body = weights, .honourRange = false});
     EXPECT_EQ(install(entry()).files[0].resumedFromBytes, 0);
     EXPECT_EQ(readFile(temp / "models/tiny.gguf"), weights);
+
+    // A server whose file ends before the partial one does cannot be resumed from: nothing is kept.
+    fs::remove(temp / "models/tiny.gguf");
+    writeFile(temp / "models/.downloads" / (sha256(weights) + ".partial"), weights.substr(0, 5000));
+    server.route("/m.gguf", {.body = weights.substr(0, 4000)});
+    EXPECT_THROW(install(entry()), ModelDownloadError);
+    EXPECT_TRUE(downloadsLeft().empty());
 }
 
 TEST_F(Installer, RepliesThatAreNotTheFileNeverLeaveAnythingThatLooksInstalled) {
