@@ -380,7 +380,7 @@ Result fetchInto(const Request& request, const std::function<void(const Progress
         c.easySetopt(curl, CURLOPT_CONNECTTIMEOUT_MS, static_cast<long>(request.connectTimeoutSec * 1000));
         c.easySetopt(curl, CURLOPT_LOW_SPEED_LIMIT, 1024L);
         c.easySetopt(curl, CURLOPT_LOW_SPEED_TIME, std::max(1L, static_cast<long>(request.stallTimeoutSec)));
-        c.easySetopt(curl, CURLOPT_BUFFERSIZE, 512L * 1024);
+        c.easySetopt(curl, CURLOPT_BUFFERSIZE, 2L << 20);  // older libcurl keeps its 512 KiB ceiling
         c.easySetopt(curl, CURLOPT_ACCEPT_ENCODING, nullptr);
         c.easySetopt(curl, CURLOPT_HEADERFUNCTION, onHeaderLine);
         c.easySetopt(curl, CURLOPT_HEADERDATA, &transfer);
