@@ -208,7 +208,7 @@ int runInstall(const std::vector<std::string>& arguments, const Clock& clock) {
     };
     options.listener.onFile = [&](const ModelCatalogue::File& file, const std::string& url) {
         announce();
-        say("  " + sizeText(file) + " from " + url);
+        say("  " + sizeText(file) + ", from " + url + " unless a copy is already on this machine");
     };
     options.listener.onProgress = [&](const ModelCatalogue::File& file, int64_t done, int64_t) {
         view.update(done, file.sizeBytes.value_or(0));
