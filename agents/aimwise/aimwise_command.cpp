@@ -131,7 +131,6 @@ std::string signalsLine(int64_t now) {
         std::error_code ignored;
         if (fs::exists(DataPaths::signalsDB(), ignored))
             return "Signals: " + DataPaths::signalsDB().string() + " could not be read (" + error.message + ")";
-        latest.reset();
     }
     if (!latest) return FirstRun::noSignalsLine(UserServices::unitState(processEnvironment(), "aimwise-capture.service"));
     const int64_t regimeGapSec = ClassifierCadence::Config::fromEnvironment(processEnvironment()).regimeGapSec;
