@@ -170,6 +170,21 @@ LocalModelStore::VerificationResult LocalModelStore::verify(const LocalModelMani
     return result;
 }
 
+bool LocalModelStore::recordVerified(const LocalModelManifest::File& file, const std::string& sha256,
+                                     int64_t nowMs) const {
+    const std::optional<Identity> identity = identityOf(directory_ / file.name);
+    if (!identity || identity->sizeBytes != file.sizeBytes || lowercased(sha256) != lowercased(file.sha256))
+        return false;
+    json records = readJSON(verificationsPath());
+    if (!records.contains("files") || !records["files"].is_object()) records["files"] = json::object();
+    records["files"][file.name] = {{"size_bytes", identity->sizeBytes}, {"mtime_ns", identity->mtimeNs},
+                                   {"ctime_ns", identity->ctimeNs},     {"inode", identity->inode},
+                                   {"device", identity->device},        {"sha256", lowercased(sha256)},
+                                   {"verified_at_ms", nowMs}};
+    writeJSON(verificationsPath(), records);
+    return true;
+}
+
 std::optional<std::string> LocalModelStore::sha256OfFile(const std::filesystem::path& path) {
     std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
     if (!file) return std::nullopt;

@@ -75,6 +75,10 @@ public:
     LocalModelDiskState diskState(const LocalModelManifest& manifest) const;
     // Hashes every file of the manifest and records those that match. Slow for large files.
     VerificationResult verify(const LocalModelManifest& manifest, int64_t nowMs) const;
+    // Records a file whose digest the caller computed while writing it, so that a fresh download is
+    // not read a second time. False, recording nothing, when the file's size or the digest is not
+    // the manifest's. Throws std::filesystem::filesystem_error.
+    bool recordVerified(const LocalModelManifest::File& file, const std::string& sha256, int64_t nowMs) const;
 
     // Lowercase hex SHA-256 of a file's contents; nothing when it cannot be read.
     static std::optional<std::string> sha256OfFile(const std::filesystem::path& path);

@@ -2,6 +2,7 @@
 
 #include <openssl/evp.h>  // only the header
 
+#include <cctype>
 #include <stdexcept>
 
 #include "CaptureShared/common/shared_library.h"
@@ -58,12 +59,23 @@ std::optional<std::string> Sha256::hexDigest() {
     return out;
 }
 
-std::string Sha256::hex(std::string_view bytes) {
-    Sha256 digest;
-    digest.update(bytes.data(), bytes.size());
-    auto out = digest.hexDigest();
+std::string Sha256::finalHex() {
+    auto out = hexDigest();
     if (!out) throw std::runtime_error("SHA-256 failed");
     return *out;
+}
+
+std::string Sha256::hex(std::string_view bytes) {
+    Sha256 digest;
+    digest.update(bytes);
+    return digest.finalHex();
+}
+
+bool Sha256::isDigestText(std::string_view text) {
+    if (text.size() != 64) return false;
+    for (unsigned char c : text)
+        if (!std::isxdigit(c)) return false;
+    return true;
 }
 
 }  // namespace aimwise

@@ -17,10 +17,15 @@ public:
     Sha256& operator=(const Sha256&) = delete;
 
     bool update(const void* bytes, size_t count);
-    // Lowercase hex; nothing when the library reported a failure.
+    bool update(std::string_view bytes) { return update(bytes.data(), bytes.size()); }
+    // Lowercase hex; nothing when the library reported a failure. The digest is final afterwards.
     std::optional<std::string> hexDigest();
+    // The same, throwing std::runtime_error on a failure.
+    std::string finalHex();
 
     static std::string hex(std::string_view bytes);
+    // True for 64 hexadecimal digits, either case.
+    static bool isDigestText(std::string_view text);
 
 private:
     void* context_ = nullptr;

@@ -80,6 +80,7 @@ const std::set<std::string>& allowedKeys() {
         "AIMCAP_FM_JUDGE_BIN",
         "AIMCAP_FM_JUDGE_ENDPOINT",
         "AIMCAP_FM_JUDGE_MODEL",
+        "AIMCAP_MODEL_MIRROR",
     };
     return keys;
 }

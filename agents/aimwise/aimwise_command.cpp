@@ -24,8 +24,10 @@
 #include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/staleness/recording_pause.h"
 #include "CaptureShared/staleness/signals_staleness.h"
+#include "agents/aimwise/first_run.h"
 #include "agents/aimwise/label_verb.h"
 #include "agents/aimwise/memory_verb.h"
+#include "agents/aimwise/model_verb.h"
 #include "agents/aimwise/models_verb.h"
 #include "agents/services/user_services.h"
 
@@ -42,6 +44,7 @@ const char* const usageText =
     "  memory forget TEXT                     have the coach's memory leave out whatever mentions TEXT\n"
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
     "  label [--count N] | label --stats      say what you were really doing at judged moments\n"
+    "  model list | install [NAME] | serve    the local model: the catalogue, a verified download, llama-server\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"
     "  uninstall-services                     stop, disable and remove them\n"
     "  models [--check [--message TEXT]]      which model each role uses; --check asks the coach's model once\n";
@@ -92,9 +95,7 @@ std::string summarised(const std::string& body) {
 int runTask(const std::vector<std::string>& arguments, const Clock& clock) {
     const TaskRequest request = parseTask(arguments);
     if (const auto* error = std::get_if<UsageError>(&request)) return usage(error->message);
-    if (!DataPaths::isDataRootAvailable())
-        return failed(DataPaths::dataRootUnavailableReason().value_or("the data root is not available") +
-                      " — nothing was recorded. Run `aimwise init PATH` first.");
+    if (const auto problem = FirstRun::dataRootProblem()) return failed("nothing was recorded: " + *problem + ".");
     try {
         EventLogWriter::append(taskEvent(request, clock.wallMs()), DataPaths::eventsLog(), processName);
     } catch (const std::exception& error) {
@@ -122,9 +123,11 @@ std::string signalsLine(int64_t now) {
     try {
         latest = SignalsReader::open(DataPaths::signalsDB()).latestTick();
     } catch (const SignalsReaderError& error) {
-        return "Signals: none yet — is aimwise-capture running? (" + error.description() + ")";
+        std::error_code ignored;
+        if (fs::exists(DataPaths::signalsDB(), ignored))
+            return "Signals: " + DataPaths::signalsDB().string() + " could not be read (" + error.message + ")";
     }
-    if (!latest) return "Signals: none yet — is aimwise-capture running?";
+    if (!latest) return FirstRun::noSignalsLine(UserServices::unitState(processEnvironment(), "aimwise-capture.service"));
     const int64_t regimeGapSec = ClassifierCadence::Config::fromEnvironment(processEnvironment()).regimeGapSec;
     const auto cadence = ClassifierCadence::read(DataPaths::classifierCadence());
     const auto decision =
@@ -142,7 +145,7 @@ std::string signalsLine(int64_t now) {
     if (const auto* paused = std::get_if<SignalsStaleness::PredatesPause>(&decision))
         return "Signals: paused — " +
                SignalsStaleness::reasonPredatesPause(paused->lastTickAtMs, paused->pauseStartedAtMs, now);
-    return "Signals: none yet — is aimwise-capture running?";
+    return FirstRun::noSignalsLine(UserServices::unitState(processEnvironment(), "aimwise-capture.service"));
 }
 
 std::vector<std::string> verdictLines() {
@@ -160,35 +163,15 @@ std::vector<std::string> verdictLines() {
     return lines;
 }
 
-std::string modelLine() {
-    namespace Guard = ModelIntegrityGuard;
-    const std::string& model = ClassifierModel::defaultModel();
-    const LocalModelStore store(LocalModelStore::defaultModelsDirectory());
-    const auto manifest = store.manifest(model);
-    const Guard::FileCheck fileCheck = Guard::integrityFileCheck(manifest, store);
-    std::optional<std::string> expectedPath;
-    if (manifest) expectedPath = (store.modelsDirectory() / manifest->fileName).string();
-    const EndpointURL endpoint = LocalInferenceEndpoint::resolve(processEnvironment());
-    try {
-        HTTPSession session;
-        const std::string served = Guard::fetchServedModelPath(endpoint, session);
-        const Guard::Verdict verdict = Guard::evaluate(expectedPath, fileCheck, served);
-        const bool passes = std::holds_alternative<Guard::Verdict::Matches>(verdict.value);
-        return "Model: " + model + (passes ? " passes" : " FAILS") + " its integrity check — " +
-               Guard::describe(verdict);
-    } catch (const ModelBackendError& error) {
-        return "Model: " + model + " files " + Guard::describe(fileCheck) + "; the model server at " +
-               endpoint.string() + " did not answer (" + error.description() + "), so the check cannot finish";
-    }
-}
-
 int runStatus(const Clock& clock) {
     const int64_t now = clock.wallMs();
-    line(AgentConfig::describe(AgentConfig::dataRootStatus()));
-    line(taskLine());
-    for (const auto& verdict : verdictLines()) line(verdict);
-    line(signalsLine(now));
-    line(modelLine());
+    line(FirstRun::dataRootLine());
+    if (DataPaths::isDataRootAvailable()) {
+        line(taskLine());
+        for (const auto& verdict : verdictLines()) line(verdict);
+        line(signalsLine(now));
+    }
+    line(ModelVerb::statusLine(ModelVerb::effectiveEnvironment()));
     return 0;
 }
 
@@ -302,11 +285,13 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "init") return runInit(rest);
     if (command == "memory") return MemoryVerb::run(rest);
     if (command == "label") return LabelVerb::run(rest);
+    if (command == "model") return ModelVerb::run(rest, Clock::system());
     if (command == "install-services") {
         if (rest.size() > 1 || (rest.size() == 1 && rest.front() != "--no-start"))
             return usage("install-services takes only --no-start");
-        return UserServices::install(processEnvironment(),
-                                     rest.empty() ? UserServices::Start::now : UserServices::Start::later);
+        const int installed = UserServices::install(processEnvironment(),
+                                                    rest.empty() ? UserServices::Start::now : UserServices::Start::later);
+        return installed == 0 ? ModelVerb::offerServe(ModelVerb::effectiveEnvironment(), Clock::system()) : installed;
     }
     if (command == "uninstall-services") return rest.empty() ? UserServices::uninstall(processEnvironment())
                                                              : usage("uninstall-services takes no arguments");

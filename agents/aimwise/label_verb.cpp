@@ -28,6 +28,7 @@
 #include "CaptureShared/dataroot/data_paths.h"
 #include "CaptureShared/dataroot/executable_path.h"
 #include "CaptureShared/signals/signals_reader.h"
+#include "agents/aimwise/first_run.h"
 #include "platform/bounded_process.h"
 
 namespace aimwise::LabelVerb {
@@ -453,9 +454,8 @@ std::vector<Moment> pickMoments(const std::vector<ClassifierTick>& ticks, const 
 }
 
 int review(int count, std::istream& in, std::FILE* out, const Clock& clock) {
-    if (!DataPaths::isDataRootAvailable()) {
-        std::fprintf(out, "%s — nothing to label. Run `aimwise init PATH` first.\n",
-                     DataPaths::dataRootUnavailableReason().value_or("the data root is not available").c_str());
+    if (const auto problem = FirstRun::dataRootProblem()) {
+        std::fprintf(out, "Nothing to label: %s.\n", problem->c_str());
         return 1;
     }
     Sources sources;
@@ -504,9 +504,8 @@ int review(int count, std::istream& in, std::FILE* out, const Clock& clock) {
 }
 
 int stats(std::FILE* out) {
-    if (!DataPaths::isDataRootAvailable()) {
-        std::fprintf(out, "%s. Run `aimwise init PATH` first.\n",
-                     DataPaths::dataRootUnavailableReason().value_or("the data root is not available").c_str());
+    if (const auto problem = FirstRun::dataRootProblem()) {
+        std::fprintf(out, "No labels to count: %s.\n", problem->c_str());
         return 1;
     }
     const fs::path path = DataPaths::dataRoot() / "labels.sqlite";

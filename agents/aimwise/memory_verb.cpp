@@ -9,6 +9,7 @@
 #include "CaptureShared/common/clock.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
+#include "agents/aimwise/first_run.h"
 
 namespace aimwise::MemoryVerb {
 
@@ -97,9 +98,8 @@ int run(const std::vector<std::string>& arguments) {
             return 2;
         }
     }
-    if (!DataPaths::isDataRootAvailable()) {
-        std::fprintf(stderr, "FAIL: %s — nothing was read. Run `aimwise init PATH` first.\n",
-                     DataPaths::dataRootUnavailableReason().value_or("the data root is not available").c_str());
+    if (const auto problem = FirstRun::dataRootProblem()) {
+        std::fprintf(stderr, "FAIL: nothing was read: %s.\n", problem->c_str());
         return 1;
     }
     const auto root = DataPaths::dataRoot();

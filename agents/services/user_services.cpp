@@ -7,6 +7,7 @@
 #include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
+#include "agents/services/model_server_unit.h"
 #include "platform/bounded_process.h"
 
 namespace aimwise::UserServices {
@@ -16,6 +17,12 @@ namespace fs = std::filesystem;
 namespace {
 
 constexpr double systemctlTimeoutSec = 30.0;
+
+bool endsWith(const std::string& text, const std::string& suffix) {
+    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+}
+
+}  // namespace
 
 int runSystemctl(const Environment& environment, std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "--user");
@@ -32,11 +39,17 @@ int runSystemctl(const Environment& environment, std::vector<std::string> argume
     return finished->succeeded() ? 0 : finished->terminatingSignal ? 128 : finished->exitStatus;
 }
 
-bool endsWith(const std::string& text, const std::string& suffix) {
-    return text.size() >= suffix.size() && text.compare(text.size() - suffix.size(), suffix.size(), suffix) == 0;
+UnitState unitState(const Environment& environment, const std::string& name) {
+    UnitState state;
+    std::error_code error;
+    state.installed = fs::exists(unitDirectory(environment) / name, error);
+    const auto outcome = BoundedProcess::run(systemctl(environment), {"--user", "is-active", name}, 10.0);
+    if (const auto* finished = std::get_if<BoundedProcess::Finished>(&outcome)) {
+        const std::string said = trimWhitespaceAndNewlines(finished->standardOutput);
+        if (!said.empty() && said.find(' ') == std::string::npos) state.activeState = said;
+    }
+    return state;
 }
-
-}  // namespace
 
 fs::path unitDirectory(const Environment& environment) {
     const auto configHome = lookup(environment, "XDG_CONFIG_HOME");
@@ -101,6 +114,7 @@ int uninstall(const Environment& environment) {
     std::vector<std::string> names;
     for (const auto& unit : embeddedUnits())
         if (fs::exists(directory / unit.name)) names.push_back(unit.name);
+    if (fs::exists(directory / ModelServerUnit::unitName)) names.push_back(ModelServerUnit::unitName);
     if (names.empty()) {
         std::printf("no aimwise units installed in %s\n", directory.c_str());
         return 0;

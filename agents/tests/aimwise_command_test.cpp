@@ -101,7 +101,7 @@ TEST_F(AimwiseWithAgentTest, ADeclaredTaskReachesTheTicksAndTheEventsTableAndSoD
 TEST_F(AimwiseWithAgentTest, NothingIsDeclaredWithoutADataRoot) {
     const ProcessResult run = aimwise({"task", "anything"}, {{"AIMCAP_DATA_ROOT", (sandbox.temp / "gone").string()}});
     EXPECT_EQ(run.exitStatus, 1);
-    EXPECT_NE(run.standardError.find("isn't mounted"), std::string::npos) << run.standardError;
+    EXPECT_NE(run.standardError.find("is not there (an unmounted disk?)"), std::string::npos) << run.standardError;
     EXPECT_FALSE(std::filesystem::exists(sandbox.temp / "gone"));
     EXPECT_EQ(aimwise({"task"}).exitStatus, 2);
     EXPECT_EQ(aimwise({"frobnicate"}).exitStatus, 2);
@@ -143,7 +143,8 @@ TEST_F(AimwiseWithAgentTest, StatusShowsTaskVerdictSignalsAndModelInAFewLines) {
               std::string::npos)
         << empty.standardOutput;
     EXPECT_NE(empty.standardOutput.find("\nModel: "), std::string::npos);
-    EXPECT_NE(empty.standardOutput.find("did not answer"), std::string::npos) << empty.standardOutput;
+    EXPECT_NE(empty.standardOutput.find("is not installed — run `aimwise model install"), std::string::npos)
+        << empty.standardOutput;
 
     ASSERT_EQ(aimwise({"task", "write the report", "--minutes", "45"}).exitStatus, 0);
     ClassifierTick verdict;
