@@ -3,6 +3,7 @@
 #include <cmath>
 #include <stdexcept>
 
+#include "AimwiseCore/events/ordered_json_splice.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "AimwiseCore/privacy/secret_redaction.h"
 #include "CaptureShared/common/text.h"
@@ -28,6 +29,21 @@ ChatJSON encodeTools(const std::vector<ToolSpec>& tools) {
 
 std::string callID(size_t messageIndex, size_t callIndex) {
     return "call_" + std::to_string(messageIndex) + "_" + std::to_string(callIndex);
+}
+
+std::string encodeBody(const ChatJSON& body, const std::optional<std::string>& responseSchemaJSON) {
+    std::string data;
+    try {
+        data = body.dump(-1, ' ', false, ChatJSON::error_handler_t::strict);
+    } catch (const ChatJSON::exception& error) {
+        throw ModelBackendError::invalidResponse(std::string("failed to encode request body: ") + error.what());
+    }
+    if (responseSchemaJSON) {
+        const std::string format =
+            R"({"type":"json_schema","json_schema":{"name":"response","strict":true,"schema":)" + *responseSchemaJSON + "}}";
+        if (auto spliced = OrderedJSONSplice::insert(format, "response_format", data)) data = std::move(*spliced);
+    }
+    return data;
 }
 
 ChatJSON toWire(const JSONValue& value) {

@@ -25,6 +25,10 @@ ChatJSON encodeTools(const std::vector<ToolSpec>& tools);
 ChatJSON encodeMessages(const std::vector<ChatMessage>& messages, Dialect dialect);
 // "call_<message index>_<call index>": call ids exist only on the wire.
 std::string callID(size_t messageIndex, size_t callIndex);
+
+// The request body as sent: strict UTF-8, and the response schema spliced in as it was written, since
+// re-encoding it would reorder its keys. A body that cannot be encoded is an invalidResponse.
+std::string encodeBody(const ChatJSON& body, const std::optional<std::string>& responseSchemaJSON);
 // Arguments as JSON text, or "{}" when they cannot be serialised.
 std::string serializeArguments(const JSONValue& arguments);
 

@@ -3,7 +3,6 @@
 #include <chrono>
 
 #include "CaptureShared/common/clock.h"
-#include "AimwiseCore/events/ordered_json_splice.h"
 #include "AimwiseCore/models/cancellation.h"
 #include "AimwiseCore/models/chat_wire.h"
 #include "AimwiseCore/models/local_context_fit.h"
@@ -74,17 +73,7 @@ std::string LocalModelBackend::prepare(const std::vector<ChatMessage>& messages,
     }
     ChatJSON body = buildRequestBody(messages, tools, options, config_);
     if (stream) body["stream"] = true;
-    std::string data;
-    try {
-        data = body.dump(-1, ' ', false, ChatJSON::error_handler_t::strict);
-    } catch (const ChatJSON::exception& error) {
-        throw ModelBackendError::invalidResponse(std::string("failed to encode request body: ") + error.what());
-    }
-    if (options.responseSchemaJSON) {
-        std::string format = R"({"type":"json_schema","json_schema":{"name":"response","strict":true,"schema":)" +
-                             *options.responseSchemaJSON + "}}";
-        if (auto spliced = OrderedJSONSplice::insert(format, "response_format", data)) data = std::move(*spliced);
-    }
+    std::string data = ChatWire::encodeBody(body, options.responseSchemaJSON);
     if (dumpDirectory_)
         RequestDump::write(backendName, "POST", config_.endpoint.string(), {{"Content-Type", "application/json"}},
                            data, *dumpDirectory_, wallClockMs());

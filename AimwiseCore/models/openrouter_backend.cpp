@@ -1,6 +1,5 @@
 #include "AimwiseCore/models/openrouter_backend.h"
 
-#include "AimwiseCore/events/ordered_json_splice.h"
 #include "AimwiseCore/models/chat_wire.h"
 #include "AimwiseCore/models/request_dump.h"
 #include "AimwiseCore/models/server_prompt.h"
@@ -91,17 +90,7 @@ std::string OpenRouterBackend::prepare(const std::vector<ChatMessage>& messages,
         body["stream"] = true;
         body["stream_options"] = ChatJSON{{"include_usage", true}};
     }
-    std::string data;
-    try {
-        data = body.dump(-1, ' ', false, ChatJSON::error_handler_t::strict);
-    } catch (const ChatJSON::exception& error) {
-        throw ModelBackendError::invalidResponse(std::string("failed to encode request body: ") + error.what());
-    }
-    if (options.responseSchemaJSON) {
-        std::string format = R"({"type":"json_schema","json_schema":{"name":"response","strict":true,"schema":)" +
-                             *options.responseSchemaJSON + "}}";
-        if (auto spliced = OrderedJSONSplice::insert(format, "response_format", data)) data = std::move(*spliced);
-    }
+    std::string data = ChatWire::encodeBody(body, options.responseSchemaJSON);
     if (dumpDirectory_)
         RequestDump::write(backendName, "POST", config_.endpoint.string(), requestHeaders(stream), data,
                            *dumpDirectory_, wallClockMs());

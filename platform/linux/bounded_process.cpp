@@ -19,7 +19,7 @@
 
 #include <fmt/format.h>
 
-extern char** environ;
+#include "platform/linux/spawn.h"
 
 namespace aimwise::BoundedProcess {
 namespace {
@@ -190,27 +190,9 @@ Outcome run(const std::string& executable, const std::vector<std::string>& argum
     posix_spawn_file_actions_adddup2(&actions, outWrite.get(), STDOUT_FILENO);
     posix_spawn_file_actions_adddup2(&actions, errWrite.get(), STDERR_FILENO);
 
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t noSignals, allSignals;
-    sigemptyset(&noSignals);
-    sigfillset(&allSignals);
-    posix_spawnattr_setsigmask(&attributes, &noSignals);
-    posix_spawnattr_setsigdefault(&attributes, &allSignals);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes, POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-
-    std::vector<char*> argv;
-    argv.push_back(const_cast<char*>(executable.c_str()));
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
-
     pid_t pid = -1;
-    const bool searchPath = executable.find('/') == std::string::npos;
-    const int spawnError = searchPath ? ::posix_spawnp(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ)
-                                      : ::posix_spawn(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ);
+    const int spawnError = Spawn::inOwnGroup(pid, executable, arguments, actions);
     posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
     outWrite.reset();
     errWrite.reset();
     inputRead.reset();

@@ -19,8 +19,8 @@
 
 #include "CaptureShared/common/clock.h"
 #include "platform/child_runner.h"
+#include "platform/linux/spawn.h"
 
-extern char** environ;
 
 namespace aimwise {
 namespace {
@@ -46,26 +46,9 @@ std::optional<pid_t> spawn(const std::string& executable, const std::vector<std:
     posix_spawn_file_actions_addopen(&actions, STDIN_FILENO, "/dev/null", O_RDONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDOUT_FILENO, "/dev/null", O_WRONLY, 0);
     posix_spawn_file_actions_addopen(&actions, STDERR_FILENO, "/dev/null", O_WRONLY, 0);
-    posix_spawnattr_t attributes;
-    posix_spawnattr_init(&attributes);
-    sigset_t noSignals, allSignals;
-    sigemptyset(&noSignals);
-    sigfillset(&allSignals);
-    posix_spawnattr_setsigmask(&attributes, &noSignals);
-    posix_spawnattr_setsigdefault(&attributes, &allSignals);
-    posix_spawnattr_setpgroup(&attributes, 0);
-    posix_spawnattr_setflags(&attributes,
-                             POSIX_SPAWN_SETSIGMASK | POSIX_SPAWN_SETSIGDEF | POSIX_SPAWN_SETPGROUP);
-
-    std::vector<char*> argv{const_cast<char*>(executable.c_str())};
-    for (const std::string& argument : arguments) argv.push_back(const_cast<char*>(argument.c_str()));
-    argv.push_back(nullptr);
     pid_t pid = -1;
-    const bool searchPath = executable.find('/') == std::string::npos;
-    error = searchPath ? ::posix_spawnp(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ)
-                       : ::posix_spawn(&pid, executable.c_str(), &actions, &attributes, argv.data(), environ);
+    error = Spawn::inOwnGroup(pid, executable, arguments, actions);
     posix_spawn_file_actions_destroy(&actions);
-    posix_spawnattr_destroy(&attributes);
     if (error != 0) return std::nullopt;
     return pid;
 }
