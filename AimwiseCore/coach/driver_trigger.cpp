@@ -16,6 +16,13 @@ bool isFromPerson(const EventLogEvent& event) {
     return role && role->stringValue() == "user";
 }
 
+// "Not now" on the notification answers it as surely as words would.
+bool isNotNow(const EventLogEvent& event) {
+    if (event.type != "ui_closed") return false;
+    const JSONValue* by = event.detail.member("dismissed_by");
+    return by && by->stringValue() == "not_now";
+}
+
 bool isSurfacing(const EventLogEvent& event) { return event.type == "checker_output_sent" || event.type == "ui_opened"; }
 
 std::string clock(int64_t ms) { return CoachGateTimeline::formatTime(ms); }
@@ -25,7 +32,7 @@ std::string clock(int64_t ms) { return CoachGateTimeline::formatTime(ms); }
 std::optional<int64_t> unansweredOutputMs(std::span<const EventLogEvent> events, int64_t asOfMs) {
     for (auto event = events.rbegin(); event != events.rend(); ++event) {
         if (event->tsMs > asOfMs) continue;
-        if (isFromPerson(*event) || event->type == "no_reply_timeout") return std::nullopt;
+        if (isFromPerson(*event) || event->type == "no_reply_timeout" || isNotNow(*event)) return std::nullopt;
         if (isSurfacing(*event)) return event->tsMs;
     }
     return std::nullopt;
