@@ -165,6 +165,7 @@ void CoachDriverCore::pump(int64_t nowMs, std::vector<Effect>& out) {
     }
 
     const auto& signal = ready->signal;
+    if (signal.tsMs == unanswerable_) return;
     const bool reassess = std::any_of(events.rbegin(), events.rend(), [&](const EventLogEvent& e) {
         return e.type == "no_reply_timeout" && e.tsMs == signal.tsMs;
     });
@@ -273,7 +274,8 @@ void CoachDriverCore::startTurn(CoachChannel channel, int64_t identity,
 
     if (run.layer3) {
         std::vector<std::string> logged;
-        const int64_t floor = Layer3Floor::resolve(settings_.dataRoot, nowMs, events,
+        // A first floor starts at what this turn answers, so the message that started it is in view.
+        const int64_t floor = Layer3Floor::resolve(settings_.dataRoot, std::min(nowMs, identity), events,
                                                    [&](const std::string& line) { logged.push_back(line); });
         for (const std::string& line : logged) say(line, out);
         const auto medsStatus = MedsCheckins::context(meds);
@@ -282,7 +284,8 @@ void CoachDriverCore::startTurn(CoachChannel channel, int64_t identity,
                 ? Layer3Request::forCheckin(events, floor, nowMs, *checkinSummary, medsStatus, settings_.layer3StepSec)
                 : Layer3Request::forReply(events, floor, nowMs, medsStatus, settings_.layer3StepSec);
         if (conversation.empty() || conversation.back().role != ChatRole::user) {
-            say("nothing for the coach to answer on the conversation path", out);
+            unanswerable_ = identity;
+            say("nothing for the coach to answer on the conversation path (what came in lies before its floor)", out);
             return;
         }
         const CoachPreferences preferences = CoachPreferencesStore::read(settings_.dataRoot);
@@ -309,6 +312,7 @@ void CoachDriverCore::startTurn(CoachChannel channel, int64_t identity,
                                           DriverCoachPrompt::system(settings_.environment), settings_.window, options,
                                           CoachProjection::DeadToolCallPolicy::dropTurn);
         } catch (const ModelBackendError& error) {
+            unanswerable_ = identity;
             say("no turn: " + error.description(), out);
             return;
         }

@@ -178,6 +178,8 @@ private:
     std::optional<InFlight> inFlight_;
     uint64_t nextJob_ = 1;
     std::optional<int64_t> gatedThroughMs_;
+    // A trigger that gave no conversation to answer, so that it is not tried on every look.
+    std::optional<int64_t> unanswerable_;
     std::optional<int64_t> wakeAtMs_;
     bool notificationShowing_ = false;
     std::string lastSaid_;
