@@ -1,6 +1,7 @@
 #include "agents/coach/coach_driver.h"
 
 #include <fcntl.h>
+#include <malloc.h>
 #include <poll.h>
 #include <sys/eventfd.h>
 #include <sys/socket.h>
@@ -260,6 +261,8 @@ void CoachDriver::drainWorker() {
                           std::holds_alternative<CoachDriverCore::TurnEnded>(input);
         if (ends) joinWorker();
         feed(input);
+        // A turn's buffers go back to the system, so an idle driver stays small between turns.
+        if (ends) ::malloc_trim(0);
     }
 }
 
