@@ -152,6 +152,7 @@ struct Session {
     const Clock* clock = nullptr;
     bool done = false;
     bool replying = false;
+    std::string streamed;
 };
 Session* session = nullptr;
 
@@ -183,22 +184,30 @@ void onLine(char* raw) {
     }
 }
 
+// Streamed pieces as they come; at the end the turn's words when the stream did not carry them (a
+// check-in's words travel in its open_ui call) or when cleaning changed them.
 void show(const ChatChannel::Message& message) {
     using Type = ChatChannel::Message::Type;
-    if (!session->replying) {
-        std::printf("\r\033[Kcoach: ");
-        session->replying = true;
-    }
     if (message.type == Type::delta) {
-        if (message.reset) std::printf("\n(the coach started over)\ncoach: ");
+        if (!session->replying || message.reset) {
+            std::printf(session->replying ? "\n(the coach started over)\ncoach: " : "\r\033[Kcoach: ");
+            session->replying = true;
+            session->streamed.clear();
+        }
+        session->streamed += printable(message.text);
         std::printf("%s", printable(message.text).c_str());
-    } else {
-        if (message.type == Type::failed) std::printf("(%s)", printable(message.reason).c_str());
-        else if (message.silent) std::printf("(the coach chose to stay quiet)");
-        std::printf("\n");
-        session->replying = false;
-        rl_forced_update_display();
+        std::fflush(stdout);
+        return;
     }
+    const std::string words = printable(message.text);
+    const char* lead = session->replying ? "\n" : "\r\033[K";
+    if (message.type == Type::failed) std::printf("%s(%s)\n", lead, printable(message.reason).c_str());
+    else if (!message.silent && !words.empty() && words != session->streamed) std::printf("%scoach: %s\n", lead, words.c_str());
+    else if (session->replying) std::printf("\n");
+    else return;
+    session->replying = false;
+    session->streamed.clear();
+    rl_forced_update_display();
     std::fflush(stdout);
 }
 
