@@ -184,6 +184,12 @@ void onLine(char* raw) {
     }
 }
 
+// The prompt anew, in editing mode: libedit leaves the terminal as a finished line left it.
+void prompt() {
+    rl_callback_handler_remove();
+    rl_callback_handler_install("you: ", onLine);
+}
+
 // Streamed pieces as they come; at the end the turn's words when the stream did not carry them (a
 // check-in's words travel in its open_ui call) or when cleaning changed them.
 void show(const ChatChannel::Message& message) {
@@ -207,7 +213,7 @@ void show(const ChatChannel::Message& message) {
     else return;
     session->replying = false;
     session->streamed.clear();
-    rl_forced_update_display();
+    prompt();
     std::fflush(stdout);
 }
 
@@ -247,7 +253,7 @@ int interactive(const fs::path& dataRoot, const Environment& environment, const 
                 ::close(driver);
                 driver = -1;
                 std::printf("\r\033[K(The coach driver stopped; replies come when it starts again.)\n");
-                rl_forced_update_display();
+                prompt();
             }
             for (const auto& message : messages) show(message);
         }
