@@ -2,6 +2,8 @@
 
 #include <string_view>
 
+#include "AimwiseCore/models/server_prompt.h"
+
 namespace aimwise {
 
 namespace {
@@ -98,4 +100,14 @@ const std::string& decisionDescription() {
 
 }  // namespace CoachGateSchema
 
+}  // namespace aimwise
+
+namespace aimwise {
+namespace {
+// The gate message is one user message; its rules name a gate request to the hosted route.
+const ServerPromptCatalog::Registration gateRules{
+    {"gate-rules", ServerPrompt::AnchorRole::user, CoachGateRules::text()}};
+const ServerPromptCatalog::Registration gateLowEffort{{"gate-low-effort-note", std::nullopt, CoachGateRules::lowEffortNote()}};
+const ServerPromptCatalog::Registration gateQuestion{{"gate-question", std::nullopt, CoachGateQuestion::text()}};
+}  // namespace
 }  // namespace aimwise

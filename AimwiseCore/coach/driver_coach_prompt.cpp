@@ -3,6 +3,7 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "AimwiseCore/models/server_prompt.h"
 #include "CaptureShared/common/text.h"
 
 namespace aimwise {
@@ -168,4 +169,13 @@ std::string system(const Environment& environment) { return systemText(UserIdent
 
 }  // namespace CoachPrompt
 
+}  // namespace aimwise
+
+namespace aimwise {
+namespace {
+// The name-free stretches of the driver's and the direct prompt, for the hosted route.
+const ServerPromptCatalog::Registration driverFirst{{"coach-driver-first", std::nullopt, driverFirstText()}};
+const ServerPromptCatalog::Registration driverSecond{{"coach-driver-second", std::nullopt, driverSecondText()}};
+const ServerPromptCatalog::Registration direct{{"coach-direct", std::nullopt, directText()}};
+}  // namespace
 }  // namespace aimwise

@@ -3,6 +3,7 @@
 #include <initializer_list>
 
 #include "AimwiseCore/coach/write_intention_tool.h"
+#include "AimwiseCore/models/server_prompt.h"
 
 namespace aimwise {
 
@@ -153,4 +154,14 @@ Request forLocalModel(std::vector<ChatMessage> messages, std::optional<std::vect
 
 }  // namespace Layer3PromptVariant
 
+}  // namespace aimwise
+
+namespace aimwise {
+namespace {
+// The hosted route sends placeholders for these; both wordings name a conversation-path request.
+const ServerPromptCatalog::Registration layer3Online{
+    {"layer3-system-online", ServerPrompt::AnchorRole::system, Layer3Prompt::system()}};
+const ServerPromptCatalog::Registration layer3Local{
+    {"layer3-system-local", ServerPrompt::AnchorRole::system, Layer3Prompt::local()}};
+}  // namespace
 }  // namespace aimwise

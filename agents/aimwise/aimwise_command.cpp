@@ -24,11 +24,13 @@
 #include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/staleness/recording_pause.h"
 #include "CaptureShared/staleness/signals_staleness.h"
+#include "agents/aimwise/chat_verb.h"
 #include "agents/aimwise/first_run.h"
 #include "agents/aimwise/label_verb.h"
 #include "agents/aimwise/memory_verb.h"
 #include "agents/aimwise/model_verb.h"
 #include "agents/aimwise/models_verb.h"
+#include "agents/coach/coach_status.h"
 #include "agents/services/user_services.h"
 
 namespace aimwise::AimwiseCommand {
@@ -39,7 +41,8 @@ const char* const usageText =
     "usage: aimwise <command>\n"
     "  task TEXT [--minutes N] [--why TEXT]   declare what you mean to be doing\n"
     "  task --clear                           clear the declaration\n"
-    "  status                                 task, newest verdict, signals and model at a glance\n"
+    "  status                                 task, newest verdict, signals, model and coach at a glance\n"
+    "  chat | chat --send TEXT [--wait SECS]  talk with the coach, or send one message and print its reply\n"
     "  memory                                 what the coach remembers about you, and where it came from\n"
     "  memory forget TEXT                     have the coach's memory leave out whatever mentions TEXT\n"
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
@@ -172,6 +175,8 @@ int runStatus(const Clock& clock) {
         line(signalsLine(now));
     }
     line(ModelVerb::statusLine(ModelVerb::effectiveEnvironment()));
+    if (DataPaths::isDataRootAvailable())
+        for (const auto& coach : CoachStatus::lines(DataPaths::dataRoot(), ModelVerb::effectiveEnvironment(), now)) line(coach);
     return 0;
 }
 
@@ -284,6 +289,7 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "status") return rest.empty() ? runStatus(clock) : usage("status takes no arguments");
     if (command == "init") return runInit(rest);
     if (command == "memory") return MemoryVerb::run(rest);
+    if (command == "chat") return ChatVerb::run(rest, processEnvironment(), clock);
     if (command == "label") return LabelVerb::run(rest);
     if (command == "model") return ModelVerb::run(rest, Clock::system());
     if (command == "install-services") {

@@ -56,7 +56,7 @@ TEST_F(CoachCommandTest, GateMessagePrintsWhatTheGateWouldSendAndTouchesNothing)
     EXPECT_EQ(snapshot(sandbox.root), before);
 
     for (const std::vector<std::string>& wrong : std::vector<std::vector<std::string>>{
-             {"--gate-message", "yesterday"}, {"--gate-message", "2026-03-10", "x"}, {"--turn"}, {}}) {
+             {"--gate-message", "yesterday"}, {"--gate-message", "2026-03-10", "x"}, {"--turn"}, {"--once", "x"}}) {
         const ProcessResult refused = run(coachPath(), wrong);
         EXPECT_EQ(refused.exitStatus, 2) << ::testing::PrintToString(wrong);
         EXPECT_NE(refused.standardError.find(CoachCommand::usageText), std::string::npos);

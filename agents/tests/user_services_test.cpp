@@ -24,7 +24,7 @@ TEST(UserServicesTest, TheCaptureUnitStartsTheBuiltAgentAndKeepsItRunning) {
             const std::string program = unit.text.substr(at + 11, unit.text.find_first_of(" \n", at + 11) - at - 11);
             EXPECT_EQ(program.rfind(std::string(AIMWISE_BINARY_DIR) + "/bin/", 0), 0u) << unit.name << ": " << program;
             const auto name = std::filesystem::path(program).filename();
-            EXPECT_TRUE(name == "aimwise-capture" || name == "VerdictBench" || name == "aimwise-dream")
+            EXPECT_TRUE(name == "aimwise-capture" || name == "VerdictBench" || name == "aimwise-dream" || name == "aimwise-coach")
                 << program;
         }
     }
