@@ -17,7 +17,6 @@
 
 namespace aimwise::tick {
 
-inline constexpr const char* watchdogThreadName = "classifier-tick-watchdog";
 inline constexpr const char* describeLogFileName = "classifier-describe.jsonl";
 inline constexpr const char* disclosureProcessName = "AimwiseClassifier";
 
@@ -33,7 +32,7 @@ struct Platform {
     static Platform live();
 };
 
-// A thread that ends the whole process with status 1 once `ceilingSec` has passed, so that a tick
+// Ends the whole process with status 1 once `ceilingSec` has passed (a timer signal), so that a tick
 // stuck on a model call never blocks the next interval.
 void armTickWatchdog(double ceilingSec);
 

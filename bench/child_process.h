@@ -7,8 +7,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
-#include <chrono>
+#include <cstdio>
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -37,23 +38,29 @@ inline pid_t spawnQuietly(const std::vector<std::string>& arguments, const std::
 struct ChildCost {
     double wallSec = 0;
     double cpuSec = 0;
-    // Never below this process's own: the child starts as a copy of it.
     long maxRSSKiB = 0;
     int status = -1;
 };
 
-// Runs a child to its end and returns what it cost, as /usr/bin/time would report it.
+// Runs a child to its end through child_cost_probe (built beside the benchmarks) and returns what it
+// cost, as /usr/bin/time would report it.
 inline ChildCost runChild(const std::vector<std::string>& arguments, const std::vector<std::string>& environment) {
-    const auto start = std::chrono::steady_clock::now();
-    const pid_t pid = spawnQuietly(arguments, environment);
+    std::vector<std::string> probed{(std::filesystem::read_symlink("/proc/self/exe").parent_path() / "child_cost_probe").string()};
+    probed.insert(probed.end(), arguments.begin(), arguments.end());
+    int fds[2];
+    if (::pipe2(fds, O_CLOEXEC) != 0) std::abort();
+    const pid_t pid = spawnQuietly(probed, environment, fds[1], 3);
     if (pid < 0) std::abort();
-    int status = 0;
-    rusage usage{};
-    ::wait4(pid, &status, 0, &usage);
-    const auto end = std::chrono::steady_clock::now();
-    const auto seconds = [](const timeval& t) { return static_cast<double>(t.tv_sec) + t.tv_usec / 1e6; };
-    return {std::chrono::duration<double>(end - start).count(), seconds(usage.ru_utime) + seconds(usage.ru_stime),
-            usage.ru_maxrss, WIFEXITED(status) ? WEXITSTATUS(status) : -1};
+    ::close(fds[1]);
+    std::string report;
+    char buffer[256];
+    for (ssize_t got; (got = ::read(fds[0], buffer, sizeof buffer)) > 0;) report.append(buffer, size_t(got));
+    ::close(fds[0]);
+    ::waitpid(pid, nullptr, 0);
+    ChildCost cost;
+    if (std::sscanf(report.c_str(), "%lf %lf %ld %d", &cost.wallSec, &cost.cpuSec, &cost.maxRSSKiB, &cost.status) != 4)
+        cost.status = -1;
+    return cost;
 }
 
 }  // namespace aimwise::bench

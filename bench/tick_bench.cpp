@@ -4,7 +4,9 @@
 // counters its CPU time and peak resident set, as /usr/bin/time reports them.
 //
 // BM_StartWithLibrary prices each shared library the skipping tick loads (the list is printed in the
-// context above the results): a probe process that loads one library against one that loads none.
+// context above the results), and each that the tick opens only when it first needs it: a probe
+// process that loads one library against one that loads none. A summary after the results sets the
+// skipping tick against the sqlite3 shell.
 //
 // AIMWISE_TICK_BENCH_ROOT, when set, keeps the prepared data root there to run a tick by hand.
 // AIMWISE_TICK_BENCH_BASELINE, when set, names another VerdictBench (an earlier build) whose skipping
@@ -13,10 +15,13 @@
 #include <fcntl.h>
 #include <stdlib.h>
 #include <sys/wait.h>
+#include <unicode/uvernum.h>
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdio>
 #include <filesystem>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -197,16 +202,14 @@ std::vector<std::string> librariesOfTheTick() {
     return names;
 }
 
-// The tick's own libraries, then the two it opens only when it makes a request or a digest.
+// The tick's own libraries, then those it opens only when it makes a request, a digest or reads text.
 const std::vector<std::string>& probedLibraries() {
     static const std::vector<std::string> libraries = [] {
         std::vector<std::string> names{""};  // the baseline: a probe that loads nothing
         for (const auto& name : librariesOfTheTick())
-            if (!name.starts_with("libc.so") && !name.starts_with("libm.so") && !name.starts_with("libgcc_s") &&
-                !name.starts_with("libstdc++"))  // the probe itself already has these
-                names.push_back(name);
-        names.push_back("libcurl.so.4");
-        names.push_back("libcrypto.so.3");
+            if (!name.starts_with("libc.so")) names.push_back(name);  // the probe itself has it
+        const std::string icu = std::to_string(U_ICU_VERSION_MAJOR_NUM);
+        names.insert(names.end(), {"libcurl.so.4", "libcrypto.so.3", "libicuuc.so." + icu, "libicui18n.so." + icu});
         return names;
     }();
     return libraries;
@@ -218,6 +221,31 @@ void BM_StartWithLibrary(benchmark::State& state, const std::string& library) {
     if (!library.empty()) arguments.push_back(library);
     Costs costs(state);
     for (auto _ : state) costs.add(runChild(arguments, {}));
+}
+
+// Prints the runs as usual and keeps the medians that the summary compares.
+class MedianKeeper : public benchmark::ConsoleReporter {
+public:
+    void ReportRuns(const std::vector<Run>& runs) override {
+        for (const auto& run : runs)
+            if (run.aggregate_name == "median") medians[run.run_name.function_name] = run;
+        ConsoleReporter::ReportRuns(runs);
+    }
+    std::map<std::string, Run> medians;
+};
+
+void printSummary(const MedianKeeper& kept) {
+    const auto tick = kept.medians.find("BM_TickThatSkips");
+    const auto shell = kept.medians.find("BM_Sqlite3ShellReadingTheNewestRow");
+    if (tick == kept.medians.end() || shell == kept.medians.end()) return;
+    const auto rssMB = [](const benchmark::BenchmarkReporter::Run& run) {
+        const auto counter = run.counters.find("maxRSS_KiB");
+        return counter == run.counters.end() ? 0.0 : double(counter->second) / 1024.0;
+    };
+    const double tickMs = tick->second.GetAdjustedRealTime(), shellMs = shell->second.GetAdjustedRealTime();
+    std::printf("\nskipping tick %.2f ms, peak %.1f MB; sqlite3 point query %.2f ms, peak %.1f MB; "
+                "tick / sqlite3 = %.2fx (target at most 1.5x, and under 10 MB)\n",
+                tickMs, rssMB(tick->second), shellMs, rssMB(shell->second), tickMs / shellMs);
 }
 
 }  // namespace
@@ -235,7 +263,9 @@ int main(int argc, char** argv) {
             ->Repetitions(5);
     benchmark::Initialize(&argc, argv);
     if (benchmark::ReportUnrecognizedArguments(argc, argv)) return 1;
-    benchmark::RunSpecifiedBenchmarks();
+    MedianKeeper reporter;
+    benchmark::RunSpecifiedBenchmarks(&reporter);
+    printSummary(reporter);
     benchmark::Shutdown();
     return 0;
 }

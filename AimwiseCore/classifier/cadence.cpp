@@ -290,6 +290,10 @@ std::optional<State> read(const std::filesystem::path& from) {
     return decode(contents.str());
 }
 
-void write(const State& state, const std::filesystem::path& to) { writeFileAtomically(to, encode(state), 0600); }
+// Rewritten by every tick, most of them skips, where waiting for the disk would cost more than the
+// rest of the run; a crash that loses the file costs one more judgment.
+void write(const State& state, const std::filesystem::path& to) {
+    writeFileAtomically(to, encode(state), 0600, Durability::unsynced);
+}
 
 }  // namespace aimwise::ClassifierCadence

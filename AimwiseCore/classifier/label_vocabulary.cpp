@@ -1,8 +1,8 @@
 #include "AimwiseCore/classifier/label_vocabulary.h"
 
-#include <unicode/unistr.h>
-
 #include <map>
+
+#include "CaptureShared/common/icu_library.h"
 
 namespace aimwise::LabelVocabulary {
 
@@ -47,8 +47,7 @@ std::string displayNameForClassifierState(const std::string& state) {
         {"ON_TASK", "on the intention"}, {"NOT_ALIGNED", "off intention"}, {"BREAK", "on a break"},
         {"IDLE", "away"},                {"NO_TASK", "with no intention set"},
     };
-    std::string upper;
-    icu::UnicodeString::fromUTF8(state).toUpper().toUTF8String(upper);
+    const std::string upper = unicode::toUTF8(unicode::toUpper(unicode::toUTF16(state), nullptr));
     auto it = names.find(upper);
     return it == names.end() ? state : it->second;
 }

@@ -1,9 +1,8 @@
 #include "AimwiseCore/classifier/py_repr.h"
 
-#include <unicode/uchar.h>
-
 #include <cstdio>
 
+#include "CaptureShared/common/icu_library.h"
 #include "CaptureShared/common/utf8.h"
 
 namespace aimwise::PyRepr {
@@ -11,7 +10,7 @@ namespace aimwise::PyRepr {
 namespace {
 
 bool mustEscape(char32_t scalar) {
-    switch (u_charType(static_cast<UChar32>(scalar))) {
+    switch (ICU::get().u_charType(static_cast<UChar32>(scalar))) {
         case U_SPACE_SEPARATOR:
         case U_LINE_SEPARATOR:
         case U_PARAGRAPH_SEPARATOR:

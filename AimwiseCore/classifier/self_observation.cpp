@@ -1,15 +1,13 @@
 #include "AimwiseCore/classifier/self_observation.h"
 
-#include <unicode/unistr.h>
+#include "CaptureShared/common/icu_library.h"
 
 namespace aimwise::ClassifierSelfObservation {
 
 namespace {
 
 std::string lowercased(const std::string& text) {
-    std::string out;
-    icu::UnicodeString::fromUTF8(text).toLower().toUTF8String(out);
-    return out;
+    return unicode::toUTF8(unicode::toLower(unicode::toUTF16(text), nullptr));
 }
 
 }  // namespace

@@ -75,7 +75,7 @@ bool summaryAddressesSecondPerson(std::string_view summary) {
     static const auto pattern = privacy_icu::compileOrAbort(
         "the gate's second-person check", R"re((?i)\b(you|you're|you've|you'd|you'll|your|yours)\b)re");
     const std::u16string text = privacy_icu::toUTF16(summary);
-    return privacy_icu::matchesAnywhere(*pattern, privacy_icu::alias(text));
+    return privacy_icu::matchesAnywhere(*pattern, text);
 }
 
 }  // namespace aimwise::CoachGateSchema

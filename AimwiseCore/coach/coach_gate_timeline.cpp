@@ -1,11 +1,5 @@
 #include "AimwiseCore/coach/coach_gate_timeline.h"
 
-#include <unicode/brkiter.h>
-#include <unicode/locid.h>
-#include <unicode/smpdtfmt.h>
-#include <unicode/timezone.h>
-#include <unicode/unistr.h>
-
 #include <algorithm>
 #include <cmath>
 #include <cstdio>
@@ -18,6 +12,8 @@
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/coach/task_minutes.h"
 #include "AimwiseCore/privacy/screen_text.h"
+#include "CaptureShared/common/icu_date_format.h"
+#include "CaptureShared/common/icu_library.h"
 #include "CaptureShared/common/text.h"
 
 namespace aimwise::CoachGateTimeline {
@@ -30,8 +26,8 @@ constexpr const char* chatMessageType = "app_chat_message";
 // that share few minutes: each thread keeps one formatter per pattern and the texts of the minutes it
 // has formatted. The default zone is checked once per public call rather than once per time.
 struct LocalTimeText {
-    std::unique_ptr<icu::TimeZone> zone;
-    std::unique_ptr<icu::SimpleDateFormat> formatters[2];
+    std::optional<std::u16string> zone;
+    std::unique_ptr<ICUDateFormat> formatters[2];
     std::unordered_map<int64_t, std::string> minutes[2];
 };
 
@@ -45,10 +41,10 @@ LocalTimeText& localTimeText() {
 
 void followDefaultZone() {
     LocalTimeText& text = localTimeText();
-    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
-    if (!zone || (text.zone && *text.zone == *zone)) return;
-    for (auto& formatter : text.formatters)
-        if (formatter) formatter->setTimeZone(*zone);
+    std::u16string zone = ICUDateFormat::defaultZone();
+    if (text.zone == zone) return;
+    // A format takes the zone that is the default when it is made.
+    for (auto& formatter : text.formatters) formatter.reset();
     for (auto& minutes : text.minutes) minutes.clear();
     text.zone = std::move(zone);
 }
@@ -59,20 +55,9 @@ std::string formatted(int64_t ms, int pattern) {
     auto& minutes = text.minutes[pattern];
     if (const auto it = minutes.find(minute); it != minutes.end()) return it->second;
     auto& formatter = text.formatters[pattern];
-    if (!formatter) {
-        UErrorCode status = U_ZERO_ERROR;
-        formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(patterns[pattern]),
-                                                            icu::Locale("en_US_POSIX"), status);
-        if (U_FAILURE(status)) {
-            formatter.reset();
-            return {};
-        }
-        if (text.zone) formatter->setTimeZone(*text.zone);
-    }
-    icu::UnicodeString out;
-    formatter->format(static_cast<UDate>(minute * 60'000), out);
-    std::string utf8;
-    out.toUTF8String(utf8);
+    if (!formatter) formatter = ICUDateFormat::make(patterns[pattern]);
+    if (!formatter) return {};
+    std::string utf8 = formatter->format(static_cast<double>(minute * 60'000));
     if (minutes.size() >= rememberedMinutes) minutes.clear();
     minutes.emplace(minute, utf8);
     return utf8;
@@ -84,20 +69,19 @@ std::string dateTimeText(int64_t ms) { return formatted(ms, 1); }
 // The person's own words, cut to `cap` characters (grapheme clusters) and "…".
 std::string cutText(const std::string& text, int cap) {
     if (text.size() <= static_cast<size_t>(cap)) return text;  // no more characters than bytes
-    const icu::UnicodeString input = icu::UnicodeString::fromUTF8(text);
-    if (input.countChar32() <= cap) return text;
+    const ICU& icu = ICU::get();
+    const std::u16string input = unicode::toUTF16(text);
+    if (icu.u_countChar32(unicode::nonNull(input), int32_t(input.size())) <= cap) return text;
     UErrorCode status = U_ZERO_ERROR;
-    thread_local std::unique_ptr<icu::BreakIterator> clusters(
-        icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+    thread_local ICUHandle<UBreakIterator, &ICU::ubrk_close> clusters(
+        icu.ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status));
     if (!clusters) return text;
-    clusters->setText(input);
-    int32_t boundary = clusters->first();
-    for (int count = 0; count < cap && boundary != icu::BreakIterator::DONE; ++count) boundary = clusters->next();
-    clusters->setText(icu::UnicodeString());
-    if (boundary == icu::BreakIterator::DONE || boundary >= input.length()) return text;
-    std::string out;
-    input.tempSubString(0, boundary).toUTF8String(out);
-    return out + "…";
+    icu.ubrk_setText(clusters.get(), unicode::nonNull(input), int32_t(input.size()), &status);
+    int32_t boundary = icu.ubrk_first(clusters.get());
+    for (int count = 0; count < cap && boundary != UBRK_DONE; ++count) boundary = icu.ubrk_next(clusters.get());
+    icu.ubrk_setText(clusters.get(), u"", 0, &status);
+    if (boundary == UBRK_DONE || boundary >= int32_t(input.size())) return text;
+    return unicode::toUTF8(std::u16string_view(input).substr(0, size_t(boundary))) + "…";
 }
 
 std::string quotedUserText(const std::string& text) { return "\"" + cutText(text, userTextCap) + "\""; }

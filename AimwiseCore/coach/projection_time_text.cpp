@@ -1,14 +1,10 @@
 #include "AimwiseCore/coach/projection_time_text.h"
 
-#include <unicode/locid.h>
-#include <unicode/smpdtfmt.h>
-#include <unicode/timezone.h>
-#include <unicode/unistr.h>
-
 #include <memory>
 #include <unordered_map>
 
 #include "AimwiseCore/coach/projection_date_parsing.h"
+#include "CaptureShared/common/icu_date_format.h"
 #include "CaptureShared/common/local_time.h"
 
 namespace aimwise::ProjectionTimeText {
@@ -19,8 +15,8 @@ constexpr const char16_t* patterns[2] = {u"MM-dd HH:mm", u"H:mm"};
 constexpr size_t rememberedMinutes = 100'000;
 
 struct Formatting {
-    std::unique_ptr<icu::TimeZone> zone;
-    std::unique_ptr<icu::SimpleDateFormat> formatters[2];
+    std::optional<std::u16string> zone;
+    std::unique_ptr<ICUDateFormat> formatters[2];
     std::unordered_map<int64_t, std::string> minutes[2];
 };
 
@@ -36,20 +32,9 @@ std::string formatted(int64_t ms, int pattern) {
     auto& minutes = state.minutes[pattern];
     if (const auto it = minutes.find(minute); it != minutes.end()) return it->second;
     auto& formatter = state.formatters[pattern];
-    if (!formatter) {
-        UErrorCode status = U_ZERO_ERROR;
-        formatter = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(patterns[pattern]),
-                                                            icu::Locale("en_US_POSIX"), status);
-        if (U_FAILURE(status)) {
-            formatter.reset();
-            return {};
-        }
-        if (state.zone) formatter->setTimeZone(*state.zone);
-    }
-    icu::UnicodeString out;
-    formatter->format(static_cast<UDate>(minute * 60'000), out);
-    std::string utf8;
-    out.toUTF8String(utf8);
+    if (!formatter) formatter = ICUDateFormat::make(patterns[pattern]);
+    if (!formatter) return {};
+    std::string utf8 = formatter->format(static_cast<double>(minute * 60'000));
     if (minutes.size() >= rememberedMinutes) minutes.clear();
     minutes.emplace(minute, utf8);
     return utf8;
@@ -59,10 +44,10 @@ std::string formatted(int64_t ms, int pattern) {
 
 void followDefaultZone() {
     Formatting& state = formatting();
-    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
-    if (!zone || (state.zone && *state.zone == *zone)) return;
-    for (auto& formatter : state.formatters)
-        if (formatter) formatter->setTimeZone(*zone);
+    std::u16string zone = ICUDateFormat::defaultZone();
+    if (state.zone == zone) return;
+    // A format takes the zone that is the default when it is made.
+    for (auto& formatter : state.formatters) formatter.reset();
     for (auto& minutes : state.minutes) minutes.clear();
     state.zone = std::move(zone);
 }

@@ -1,10 +1,6 @@
 #include "AimwiseCore/events/event_log.h"
 
 #include <sys/stat.h>
-#include <unicode/locid.h>
-#include <unicode/smpdtfmt.h>
-#include <unicode/timezone.h>
-#include <unicode/unistr.h>
 
 #include <algorithm>
 #include <cctype>
@@ -15,6 +11,7 @@
 
 #include "AimwiseCore/events/file_io.h"
 #include "AimwiseCore/events/json_text.h"
+#include "CaptureShared/common/icu_date_format.h"
 #include "CaptureShared/dataroot/data_paths.h"
 
 namespace aimwise::EventLog {
@@ -37,21 +34,19 @@ Statistics counters;
 // Building an ICU formatter costs more than the whole scan of a window, so each thread keeps one
 // per pattern, following the default zone if it changes.
 std::string formatted(int64_t ms, const char16_t* pattern) {
-    thread_local std::map<const char16_t*, std::unique_ptr<icu::SimpleDateFormat>> formatters;
-    auto& format = formatters[pattern];
-    if (!format) {
-        UErrorCode status = U_ZERO_ERROR;
-        auto made = std::make_unique<icu::SimpleDateFormat>(icu::UnicodeString(pattern), icu::Locale("en_US_POSIX"), status);
-        if (U_FAILURE(status)) return {};
-        format = std::move(made);
+    struct Formatter {
+        std::unique_ptr<ICUDateFormat> format;
+        std::u16string zone;
+    };
+    thread_local std::map<const char16_t*, Formatter> formatters;
+    auto& formatter = formatters[pattern];
+    std::u16string zone = ICUDateFormat::defaultZone();
+    if (!formatter.format || formatter.zone != zone) {
+        formatter.format = ICUDateFormat::make(pattern);
+        formatter.zone = std::move(zone);
     }
-    std::unique_ptr<icu::TimeZone> zone(icu::TimeZone::createDefault());
-    if (zone && format->getTimeZone() != *zone) format->adoptTimeZone(zone.release());
-    icu::UnicodeString out;
-    format->format(static_cast<UDate>(ms), out);
-    std::string utf8;
-    out.toUTF8String(utf8);
-    return utf8;
+    if (!formatter.format) return {};
+    return formatter.format->format(static_cast<double>(ms));
 }
 
 bool isTaskType(std::string_view type) { return type == "task_declared" || type == "task_cleared"; }

@@ -1,14 +1,12 @@
 #include "AimwiseCore/memory/memory_forget.h"
 
-#include <unicode/uchar.h>
-#include <unicode/unistr.h>
-
 #include <algorithm>
 #include <cmath>
 
 #include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/events/jsonl_append.h"
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/icu_library.h"
 #include "CaptureShared/common/utf8.h"
 
 namespace aimwise {
@@ -18,21 +16,19 @@ namespace {
 // Case-folded, with every run of white space one blank and none at the ends.
 std::u16string normalized(std::string_view text) {
     if (!utf8::isValid(text)) return {};
-    icu::UnicodeString folded =
-        icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), static_cast<int32_t>(text.size())));
-    folded.foldCase();
+    const std::u16string folded = unicode::foldCase(unicode::toUTF16(text));
     std::u16string out;
-    out.reserve(static_cast<size_t>(folded.length()));
+    out.reserve(folded.size());
     bool pendingSpace = false;
-    for (int32_t i = 0; i < folded.length();) {
-        const UChar32 c = folded.char32At(i);
+    for (int32_t i = 0; i < int32_t(folded.size());) {
+        const UChar32 c = unicode::char32At(folded, i);
         const int32_t width = U16_LENGTH(c);
-        if (u_isUWhiteSpace(c)) {
+        if (ICU::get().u_isUWhiteSpace(c)) {
             pendingSpace = !out.empty();
         } else {
             if (pendingSpace) out.push_back(u' ');
             pendingSpace = false;
-            out.append(reinterpret_cast<const char16_t*>(folded.getBuffer()) + i, static_cast<size_t>(width));
+            out.append(folded, static_cast<size_t>(i), static_cast<size_t>(width));
         }
         i += width;
     }

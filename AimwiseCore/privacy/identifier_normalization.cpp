@@ -1,11 +1,9 @@
 #include "AimwiseCore/privacy/identifier_normalization.h"
 
-#include <unicode/uchar.h>
-#include <unicode/unistr.h>
-#include <unicode/utf16.h>
-
 #include <algorithm>
 #include <array>
+
+#include "CaptureShared/common/icu_library.h"
 
 namespace aimwise {
 
@@ -61,9 +59,9 @@ bool isMark(int8_t category) {
 
 Role otherRole(UChar32 c, int8_t category) {
     if (isMark(category)) return Role::mark;
-    if (u_hasBinaryProperty(c, UCHAR_ALPHABETIC)) return Role::letter;
-    if (u_isUWhiteSpace(c) || category == U_LINE_SEPARATOR || category == U_PARAGRAPH_SEPARATOR ||
-        category == U_CONNECTOR_PUNCTUATION || u_hasBinaryProperty(c, UCHAR_DASH) ||
+    if (ICU::get().u_hasBinaryProperty(c, UCHAR_ALPHABETIC)) return Role::letter;
+    if (ICU::get().u_isUWhiteSpace(c) || category == U_LINE_SEPARATOR || category == U_PARAGRAPH_SEPARATOR ||
+        category == U_CONNECTOR_PUNCTUATION || ICU::get().u_hasBinaryProperty(c, UCHAR_DASH) ||
         (c <= 0xFFFF && std::binary_search(punctuationSeparators.begin(), punctuationSeparators.end(), char16_t(c))))
         return Role::separator;
     return Role::other;
@@ -72,9 +70,9 @@ Role otherRole(UChar32 c, int8_t category) {
 Scalar classify(UChar32 c, int32_t start, int32_t end) {
     if (c < 0x80) return {start, end, c, isASCIIWordish(c) ? ScalarKind::token : ScalarKind::other, asciiRole(c)};
     UChar32 folded = (c >= 0xFF01 && c <= 0xFF5E) ? c - 0xFEE0 : c;
-    int32_t numericType = u_getIntPropertyValue(folded, UCHAR_NUMERIC_TYPE);
+    int32_t numericType = ICU::get().u_getIntPropertyValue(folded, UCHAR_NUMERIC_TYPE);
     if (numericType == U_NT_DECIMAL || numericType == U_NT_DIGIT) {
-        double value = u_getNumericValue(folded);
+        double value = ICU::get().u_getNumericValue(folded);
         if (value >= 0 && value <= 9 && value == double(int(value)))
             return {start, end, UChar32('0' + int(value)), ScalarKind::token, Role::digit};
     }
@@ -83,12 +81,12 @@ Scalar classify(UChar32 c, int32_t start, int32_t end) {
                      folded == '_';
         return {start, end, folded, token ? ScalarKind::token : ScalarKind::other, asciiRole(folded)};
     }
-    int8_t category = u_charType(folded);
+    int8_t category = ICU::get().u_charType(folded);
     if (category == U_DASH_PUNCTUATION || folded == 0x2212)
         return {start, end, '-', ScalarKind::token, Role::detectorSeparator};
     if (category == U_SPACE_SEPARATOR) return {start, end, ' ', ScalarKind::other, Role::detectorSeparator};
     if (category == U_FORMAT_CHAR) return {start, end, folded, ScalarKind::format, Role::format};
-    ScalarKind kind = u_hasBinaryProperty(folded, UCHAR_ALPHABETIC) ? ScalarKind::token : ScalarKind::other;
+    ScalarKind kind = ICU::get().u_hasBinaryProperty(folded, UCHAR_ALPHABETIC) ? ScalarKind::token : ScalarKind::other;
     return {start, end, folded, kind, otherRole(folded, category)};
 }
 
@@ -239,7 +237,7 @@ private:
     Side side(const Scalar& scalar) const {
         if (scalar.kind == ScalarKind::token) return Side::token;
         const UChar32 c = scalar.folded;
-        return c == ':' || c == '#' || c == '=' || u_isUWhiteSpace(c) ? Side::neutral : Side::other;
+        return c == ':' || c == '#' || c == '=' || ICU::get().u_isUWhiteSpace(c) ? Side::neutral : Side::other;
     }
     Side sideBefore(int32_t at) const {
         if (at == 0) return Side::neutral;
@@ -415,16 +413,14 @@ FormNeighbourhood formNeighbourhood(const std::u16string& input, int32_t origina
         U16_BACK_1(input.data(), 0, at);
         Scalar scalar = scalarAt(input, at);
         if (deleted(scalar)) continue;
-        icu::UnicodeString unit(scalar.folded);
-        before.insert(0, unit.getBuffer(), size_t(unit.length()));
+        before.insert(0, unicode::units(scalar.folded));
     }
     FormNeighbourhood around{before, int32_t(before.size())};
     for (int32_t at = originalOffset, taken = 0; at < length && taken < 3;) {
         Scalar scalar = scalarAt(input, at);
         at = scalar.originalEnd;
         if (deleted(scalar)) continue;
-        icu::UnicodeString unit(scalar.folded);
-        around.text.append(unit.getBuffer(), size_t(unit.length()));
+        around.text.append(unicode::units(scalar.folded));
         ++taken;
     }
     return around;

@@ -1,8 +1,5 @@
 #include "AimwiseCore/privacy/identifier_validators.h"
 
-#include <unicode/uchar.h>
-#include <unicode/utf16.h>
-
 #include <algorithm>
 #include <cmath>
 #include <set>
@@ -41,7 +38,7 @@ void forEachScalar(std::u16string_view text, Visit visit) {
 
 std::optional<int> wholeNumberValue(UChar32 c) {
     if (c >= '0' && c <= '9') return int(c - '0');
-    double value = u_getNumericValue(c);
+    double value = ICU::get().u_getNumericValue(c);
     if (value == U_NO_NUMERIC_VALUE || value < 0 || value != std::floor(value) || value > 1e9) return std::nullopt;
     return int(value);
 }
@@ -62,7 +59,7 @@ bool atLeastTwoDistinct(const List& digits) {
 
 bool inRange(int value, int low, int high) { return value >= low && value <= high; }
 
-const icu::RegexPattern& isoDatePattern() {
+const privacy_icu::Pattern& isoDatePattern() {
     static const auto pattern = privacy_icu::compileOrAbort("the account-number date check", R"re(^\d{4}-\d{2}-\d{2}$)re");
     return *pattern;
 }
@@ -127,7 +124,7 @@ bool isValidABARoutingNumber(std::u16string_view text) {
 }
 
 bool isPlausibleAccountNumber(std::u16string_view text) {
-    if (privacy_icu::matchesAnywhere(isoDatePattern(), privacy_icu::alias(text))) return false;
+    if (privacy_icu::matchesAnywhere(isoDatePattern(), text)) return false;
     size_t count = Digits(text).size();
     return count >= 6 && count <= 17;
 }
@@ -212,9 +209,9 @@ bool mixesLettersAndDigits(std::u16string_view text) {
     bool seenDigit = false;
     bool letterAfterDigit = false;
     forEachScalar(text, [&](UChar32 c) {
-        if (u_isdigit(c)) {
+        if (ICU::get().u_isdigit(c)) {
             seenDigit = true;
-        } else if (seenDigit && u_isalpha(c)) {
+        } else if (seenDigit && ICU::get().u_isalpha(c)) {
             letterAfterDigit = true;
         }
     });
@@ -224,7 +221,7 @@ bool mixesLettersAndDigits(std::u16string_view text) {
 bool hasNumericAndNoDot(std::u16string_view text) {
     if (text.find(u'.') != std::u16string_view::npos) return false;
     bool numeric = false;
-    forEachScalar(text, [&](UChar32 c) { numeric = numeric || u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE; });
+    forEachScalar(text, [&](UChar32 c) { numeric = numeric || ICU::get().u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE; });
     return numeric;
 }
 

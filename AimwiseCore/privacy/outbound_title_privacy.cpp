@@ -1,8 +1,5 @@
 #include "AimwiseCore/privacy/outbound_title_privacy.h"
 
-#include <unicode/uchar.h>
-#include <unicode/utf16.h>
-
 #include <algorithm>
 #include <memory>
 #include <vector>
@@ -18,14 +15,14 @@ namespace {
 using Validator = bool (*)(std::u16string_view);
 
 struct Pattern {
-    std::unique_ptr<icu::RegexPattern> regex;
+    std::unique_ptr<privacy_icu::Pattern> regex;
     int32_t group;
     Validator validate;
 };
 
 bool alwaysTrue(std::u16string_view) { return true; }
 
-const icu::RegexPattern& dateLikeValue() {
+const privacy_icu::Pattern& dateLikeValue() {
     static const auto pattern = privacy_icu::compileOrAbort(
         "the title identifier date check", R"re(^(?:19|20)\d{2}-(?:(?:19|20)?\d{2}|\d{2}-\d{2})$)re");
     return *pattern;
@@ -37,9 +34,9 @@ bool isLabeledIdentifierValue(std::u16string_view value) {
     for (int32_t i = 0; i < int32_t(value.size());) {
         UChar32 c;
         U16_NEXT(value.data(), i, int32_t(value.size()), c);
-        if (u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE) ++numeric;
+        if (ICU::get().u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE) ++numeric;
     }
-    return numeric >= 5 && !privacy_icu::matchesAnywhere(dateLikeValue(), privacy_icu::alias(value));
+    return numeric >= 5 && !privacy_icu::matchesAnywhere(dateLikeValue(), value);
 }
 
 // The labelled patterns: the first is case-insensitive, the second deliberately not, so the plain word "id"
@@ -108,7 +105,7 @@ bool containsIdentifier(const std::string& text) {
     auto label = NormalizedIdentifierText::build(title, FormatCharacters::removed, Disguises::invisible);
     if (label.disguised()) forms.emplace_back(label.text());
     for (const auto& form : forms) {
-        icu::UnicodeString haystack = privacy_icu::alias(form);
+        std::u16string_view haystack = form;
         for (const auto& pattern : identifierPatterns())
             for (const auto& range : privacy_icu::findAll(*pattern.regex, haystack, pattern.group))
                 if (pattern.validate(std::u16string_view(form).substr(size_t(range.start),
@@ -146,7 +143,7 @@ std::string redactIdentifierValues(const std::string& text) {
     const std::u16string replacement(redactedValueToken,
                                      redactedValueToken + std::char_traits<char>::length(redactedValueToken));
     for (const auto& pattern : identifierPatterns()) {
-        auto ranges = privacy_icu::findAll(*pattern.regex, privacy_icu::alias(current), pattern.group);
+        auto ranges = privacy_icu::findAll(*pattern.regex, current, pattern.group);
         for (auto it = ranges.rbegin(); it != ranges.rend(); ++it) {
             std::u16string_view value = std::u16string_view(current).substr(size_t(it->start), size_t(it->end - it->start));
             if (pattern.validate(value)) current.replace(size_t(it->start), size_t(it->end - it->start), replacement);

@@ -1,58 +1,54 @@
 #include "AimwiseCore/privacy/screen_text.h"
 
-#include <unicode/brkiter.h>
-#include <unicode/uchar.h>
-#include <unicode/unistr.h>
-#include <unicode/utf16.h>
-
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <memory>
 
+#include "CaptureShared/common/icu_library.h"
+
 namespace aimwise::ScreenText {
 
 namespace {
 
-// Creating a break iterator loads rules; each thread clones one prototype instead.
-icu::BreakIterator& graphemeIterator() {
-    static const std::unique_ptr<icu::BreakIterator> prototype = [] {
+// Each thread keeps its own grapheme iterator: opening one costs more than a short text.
+UBreakIterator* graphemeIterator() {
+    thread_local ICUHandle<UBreakIterator, &ICU::ubrk_close> iterator = [] {
         UErrorCode status = U_ZERO_ERROR;
-        std::unique_ptr<icu::BreakIterator> made(icu::BreakIterator::createCharacterInstance(icu::Locale::getRoot(), status));
+        ICUHandle<UBreakIterator, &ICU::ubrk_close> made(ICU::get().ubrk_open(UBRK_CHARACTER, "", nullptr, 0, &status));
         if (U_FAILURE(status) || !made) {
-            std::fprintf(stderr, "screen text: cannot create a grapheme iterator: %s\n", u_errorName(status));
+            std::fprintf(stderr, "screen text: cannot create a grapheme iterator: %s\n", ICU::get().u_errorName(status));
             std::abort();
         }
         return made;
     }();
-    thread_local std::unique_ptr<icu::BreakIterator> iterator(prototype->clone());
-    return *iterator;
+    return iterator.get();
 }
 
-// The iterator keeps a reference to its text; between uses it points here.
-const icu::UnicodeString& emptyText() {
-    static const icu::UnicodeString empty;
-    return empty;
+// The iterator keeps a pointer to its text; between uses it points here.
+void release(UBreakIterator* clusters) {
+    UErrorCode status = U_ZERO_ERROR;
+    ICU::get().ubrk_setText(clusters, u"", 0, &status);
 }
 
 bool isDoubleQuote(UChar32 c) {
     return std::find(doubleQuotes.begin(), doubleQuotes.end(), char32_t(c)) != doubleQuotes.end();
 }
 
-bool isEmojiCluster(const icu::UnicodeString& text, int32_t start, int32_t end) {
-    UChar32 first = text.char32At(start);
-    if (!u_hasBinaryProperty(first, UCHAR_EMOJI)) return false;
+bool isEmojiCluster(std::u16string_view text, int32_t start, int32_t end) {
+    UChar32 first = unicode::char32At(text, start);
+    if (!ICU::get().u_hasBinaryProperty(first, UCHAR_EMOJI)) return false;
     if (first >= 0x1F000) return true;
     for (int32_t i = start; i < end;) {
-        UChar32 c = text.char32At(i);
-        if (c == 0xFE0F || c == 0x20E3 || u_hasBinaryProperty(c, UCHAR_EMOJI_PRESENTATION)) return true;
+        UChar32 c = unicode::char32At(text, i);
+        if (c == 0xFE0F || c == 0x20E3 || ICU::get().u_hasBinaryProperty(c, UCHAR_EMOJI_PRESENTATION)) return true;
         i += U16_LENGTH(c);
     }
     return false;
 }
 
 bool isWhiteSpace(UChar32 c, int8_t category) {
-    return u_hasBinaryProperty(c, UCHAR_WHITE_SPACE) || category == U_SPACE_SEPARATOR ||
+    return ICU::get().u_hasBinaryProperty(c, UCHAR_WHITE_SPACE) || category == U_SPACE_SEPARATOR ||
            category == U_LINE_SEPARATOR || category == U_PARAGRAPH_SEPARATOR;
 }
 
@@ -86,82 +82,84 @@ bool isKeptNumberPunctuationOrSymbol(int8_t category) {
 }
 
 // Cuts to the first `cap` grapheme clusters; false when the text already fits.
-bool truncateToClusters(icu::UnicodeString& text, int cap) {
-    if (text.countChar32() <= cap) return false;
-    icu::BreakIterator& clusters = graphemeIterator();
-    clusters.setText(text);
-    int32_t boundary = clusters.first();
-    for (int count = 0; count < cap && boundary != icu::BreakIterator::DONE; ++count) boundary = clusters.next();
-    int32_t length = text.length();
-    clusters.setText(emptyText());
-    if (boundary == icu::BreakIterator::DONE || boundary >= length) return false;
-    text.truncate(boundary);
+bool truncateToClusters(std::u16string& text, int cap) {
+    const ICU& icu = ICU::get();
+    if (icu.u_countChar32(unicode::nonNull(text), int32_t(text.size())) <= cap) return false;
+    UBreakIterator* clusters = graphemeIterator();
+    UErrorCode status = U_ZERO_ERROR;
+    icu.ubrk_setText(clusters, unicode::nonNull(text), int32_t(text.size()), &status);
+    int32_t boundary = icu.ubrk_first(clusters);
+    for (int count = 0; count < cap && boundary != UBRK_DONE; ++count) boundary = icu.ubrk_next(clusters);
+    const int32_t length = int32_t(text.size());
+    release(clusters);
+    if (boundary == UBRK_DONE || boundary >= length) return false;
+    text.resize(size_t(boundary));
     return true;
 }
 
 }  // namespace
 
 std::string sanitize(const std::string& text, std::optional<int> cap) {
-    const icu::UnicodeString input = icu::UnicodeString::fromUTF8(icu::StringPiece(text.data(), int32_t(text.size())));
-    icu::UnicodeString out;
+    const ICU& icu = ICU::get();
+    const std::u16string input = unicode::toUTF16(text);
+    std::u16string out;
     bool atSpace = true;
     bool inEmojiRun = false;
 
-    icu::BreakIterator& clusters = graphemeIterator();
-    clusters.setText(input);
-    for (int32_t start = clusters.first(), end = clusters.next(); end != icu::BreakIterator::DONE;
-         start = end, end = clusters.next()) {
+    UBreakIterator* clusters = graphemeIterator();
+    UErrorCode status = U_ZERO_ERROR;
+    icu.ubrk_setText(clusters, unicode::nonNull(input), int32_t(input.size()), &status);
+    for (int32_t start = icu.ubrk_first(clusters), end = icu.ubrk_next(clusters); end != UBRK_DONE;
+         start = end, end = icu.ubrk_next(clusters)) {
         if (isEmojiCluster(input, start, end)) {
-            if (!inEmojiRun) out.append(icu::UnicodeString(emojiPlaceholder, -1, US_INV));
+            if (!inEmojiRun) out.append(emojiPlaceholder, emojiPlaceholder + std::char_traits<char>::length(emojiPlaceholder));
             inEmojiRun = true;
             atSpace = false;
             continue;
         }
-        const int32_t lengthBefore = out.length();
+        const size_t lengthBefore = out.size();
         bool hasBase = false;
         int marks = 0;
         for (int32_t i = start; i < end;) {
-            UChar32 c = input.char32At(i);
+            UChar32 c = unicode::char32At(input, i);
             i += U16_LENGTH(c);
-            int8_t category = u_charType(c);
+            int8_t category = icu.u_charType(c);
             if (isWhiteSpace(c, category)) {
-                if (!atSpace) out.append(UChar(0x20));
+                if (!atSpace) out.push_back(u' ');
                 atSpace = true;
                 continue;
             }
-            if (u_hasBinaryProperty(c, UCHAR_DEFAULT_IGNORABLE_CODE_POINT) ||
-                u_hasBinaryProperty(c, UCHAR_EMOJI_MODIFIER) || u_hasBinaryProperty(c, UCHAR_EMOJI_PRESENTATION))
+            if (ICU::get().u_hasBinaryProperty(c, UCHAR_DEFAULT_IGNORABLE_CODE_POINT) ||
+                ICU::get().u_hasBinaryProperty(c, UCHAR_EMOJI_MODIFIER) || ICU::get().u_hasBinaryProperty(c, UCHAR_EMOJI_PRESENTATION))
                 continue;
             if (isDoubleQuote(c)) {
-                out.append(UChar32(quoteGlyph));
+                out.append(unicode::units(UChar32(quoteGlyph)));
                 hasBase = true;
                 atSpace = false;
             } else if (isLetter(category)) {
-                out.append(c);
+                out.append(unicode::units(c));
                 hasBase = true;
                 marks = 0;
                 atSpace = false;
             } else if (isMark(category)) {
                 // Stacked combining marks could otherwise flood a prompt.
                 if (hasBase && marks < maxMarksPerCharacter) {
-                    out.append(c);
+                    out.append(unicode::units(c));
                     ++marks;
                 }
             } else if (isKeptNumberPunctuationOrSymbol(category)) {
-                out.append(c);
+                out.append(unicode::units(c));
                 hasBase = true;
                 atSpace = false;
             }
         }
-        if (out.length() != lengthBefore) inEmojiRun = false;
+        if (out.size() != lengthBefore) inEmojiRun = false;
     }
-    clusters.setText(emptyText());
+    release(clusters);
 
-    if (out.length() > 0 && out.charAt(out.length() - 1) == 0x20) out.truncate(out.length() - 1);
-    if (cap && truncateToClusters(out, std::max(*cap, 0))) out.append(UChar(0x2026));
-    std::string result;
-    out.toUTF8String(result);
-    return result;
+    if (!out.empty() && out.back() == u' ') out.pop_back();
+    if (cap && truncateToClusters(out, std::max(*cap, 0))) out.push_back(u'\u2026');
+    return unicode::toUTF8(out);
 }
 
 std::optional<std::string> sanitize(const std::optional<std::string>& text, std::optional<int> cap) {

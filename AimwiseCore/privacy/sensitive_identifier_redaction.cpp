@@ -1,8 +1,5 @@
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 
-#include <unicode/uchar.h>
-#include <unicode/utf8.h>
-
 #include <algorithm>
 #include <array>
 #include <map>
@@ -43,12 +40,12 @@ constexpr Edges bareNumberEdges{numberStart, numberEnd};
 
 struct Detector {
     Kind kind;
-    std::unique_ptr<icu::RegexPattern> regex;
+    std::unique_ptr<privacy_icu::Pattern> regex;
     int32_t group;
     Validator validate;
     MatchStartRule starts;
-    const icu::RegexPattern* before;
-    const icu::RegexPattern* after;
+    const privacy_icu::Pattern* before;
+    const privacy_icu::Pattern* after;
     bool widensPrevious;
     bool containsPrevious;
 };
@@ -189,9 +186,9 @@ struct DetectorLists {
     std::vector<Detector> lifeLevel;
     // The credential detectors followed by the life-level ones.
     std::vector<Detector> outbound;
-    std::map<std::string_view, std::unique_ptr<icu::RegexPattern>> edges;
+    std::map<std::string_view, std::unique_ptr<privacy_icu::Pattern>> edges;
 
-    const icu::RegexPattern* edge(const char* source) {
+    const privacy_icu::Pattern* edge(const char* source) {
         if (!source) return nullptr;
         auto& slot = edges[source];
         if (!slot) slot = privacy_icu::compileOrAbort("a detector's bounds", source);
@@ -273,9 +270,9 @@ struct OwnForm {
     FormatCharacters formatCharacters;
 };
 
-bool holdsInOwnForm(const icu::RegexPattern& lookArounds, const OwnForm& own, int32_t originalOffset) {
+bool holdsInOwnForm(const privacy_icu::Pattern& lookArounds, const OwnForm& own, int32_t originalOffset) {
     auto around = formNeighbourhood(own.original, originalOffset, own.formatCharacters);
-    return privacy_icu::holdsAt(lookArounds, privacy_icu::alias(around.text), around.at);
+    return privacy_icu::holdsAt(lookArounds, around.text, around.at);
 }
 
 bool isDetectorSeparator(char16_t unit) {
@@ -309,7 +306,7 @@ std::vector<privacy_icu::Range> accepted(const Detector& detector, const Form& f
         return next != onlyNear->end() && *next <= matchStart + sameReadingReach;
     };
     std::u16string_view text = seen.text();
-    icu::UnicodeString haystack = privacy_icu::alias(text);
+    std::u16string_view haystack = text;
     const auto& folds = seen.foldEnds();
     auto firstFoldAfter = [&](int32_t at) { return std::upper_bound(folds.begin(), folds.end(), at); };
     // Away from every fold, this form reads the neighbourhood of a position as the detectors' own form does,
@@ -460,7 +457,7 @@ Scan scanUTF8(const std::string& text) {
         U8_NEXT(bytes, i, length, c);
         if (c < 0) {
             scan.wellFormed = false;
-        } else if (u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE) {
+        } else if (ICU::get().u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE) {
             scan.numeric = true;
             break;
         }

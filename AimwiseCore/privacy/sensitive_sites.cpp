@@ -1,10 +1,5 @@
 #include "AimwiseCore/privacy/sensitive_sites.h"
 
-#include <unicode/locid.h>
-#include <unicode/uchar.h>
-#include <unicode/unistr.h>
-#include <unicode/utf16.h>
-
 #include <algorithm>
 #include <vector>
 
@@ -58,13 +53,14 @@ std::string_view rawValue(Category category) {
 
 namespace {
 
-bool isWhiteSpace(UChar32 c) { return u_hasBinaryProperty(c, UCHAR_WHITE_SPACE); }
+bool isWhiteSpace(UChar32 c) { return ICU::get().u_hasBinaryProperty(c, UCHAR_WHITE_SPACE); }
 
-icu::UnicodeString trimmedWhiteSpace(const icu::UnicodeString& text) {
-    int32_t start = 0, end = text.length();
-    while (start < end && isWhiteSpace(text.char32At(start))) start += U16_LENGTH(text.char32At(start));
-    while (end > start && isWhiteSpace(text.char32At(end - 1))) end -= U16_LENGTH(text.char32At(end - 1));
-    return text.tempSubStringBetween(start, end);
+std::u16string_view trimmedWhiteSpace(std::u16string_view text) {
+    const auto at = [&](int32_t i) { return unicode::char32At(text, i); };
+    int32_t start = 0, end = int32_t(text.size());
+    while (start < end && isWhiteSpace(at(start))) start += U16_LENGTH(at(start));
+    while (end > start && isWhiteSpace(at(end - 1))) end -= U16_LENGTH(at(end - 1));
+    return text.substr(size_t(start), size_t(end - start));
 }
 
 bool isASCIIAlpha(char c) { return (c >= 'a' && c <= 'z') || (c >= 'A' && c <= 'Z'); }
@@ -117,28 +113,20 @@ bool endsWithDomain(std::u16string_view host, std::string_view domain) {
            host[host.size() - wide.size() - 1] == u'.';
 }
 
-icu::UnicodeString lowercased(const icu::UnicodeString& text) {
-    icu::UnicodeString copy(text);
-    copy.toLower(icu::Locale::getRoot());
-    return copy;
-}
+std::u16string lowercased(std::u16string_view text) { return unicode::toLower(text, ""); }
 
 bool isTokenCharacter(UChar32 c) {
     if (c == '.' || c == '-') return true;
-    int8_t category = u_charType(c);
+    int8_t category = ICU::get().u_charType(c);
     bool letter = category >= U_UPPERCASE_LETTER && category <= U_OTHER_LETTER;
     bool mark = category == U_NON_SPACING_MARK || category == U_ENCLOSING_MARK || category == U_COMBINING_SPACING_MARK;
-    return letter || mark || u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE;
+    return letter || mark || ICU::get().u_getIntPropertyValue(c, UCHAR_NUMERIC_TYPE) != U_NT_NONE;
 }
 
 std::u16string_view trimmedDotsAndDashes(std::u16string_view token) {
     while (!token.empty() && (token.front() == u'.' || token.front() == u'-')) token.remove_prefix(1);
     while (!token.empty() && (token.back() == u'.' || token.back() == u'-')) token.remove_suffix(1);
     return token;
-}
-
-std::u16string_view view(const icu::UnicodeString& text) {
-    return std::u16string_view(text.getBuffer(), size_t(text.length()));
 }
 
 std::u16string escapedForPattern(std::string_view phrase) {
@@ -151,7 +139,7 @@ std::u16string escapedForPattern(std::string_view phrase) {
 }
 
 template <size_t N>
-std::unique_ptr<icu::RegexPattern> titlePattern(const char* name, const std::array<std::string_view, N>& phrases) {
+std::unique_ptr<privacy_icu::Pattern> titlePattern(const char* name, const std::array<std::string_view, N>& phrases) {
     std::u16string source = u"(?<![A-Za-z0-9])(?:";
     for (size_t i = 0; i < N; ++i) {
         if (i) source += u"|";
@@ -161,12 +149,12 @@ std::unique_ptr<icu::RegexPattern> titlePattern(const char* name, const std::arr
     return privacy_icu::compileOrAbort(name, privacy_icu::toUTF8(source));
 }
 
-const icu::RegexPattern& financialTitleRegex() {
+const privacy_icu::Pattern& financialTitleRegex() {
     static const auto pattern = titlePattern("the financial title phrases", financialTitlePhrases);
     return *pattern;
 }
 
-const icu::RegexPattern& medicalTitleRegex() {
+const privacy_icu::Pattern& medicalTitleRegex() {
     static const auto pattern = titlePattern("the medical title phrases", medicalTitlePhrases);
     return *pattern;
 }
@@ -174,8 +162,8 @@ const icu::RegexPattern& medicalTitleRegex() {
 }  // namespace
 
 std::optional<Category> categoryForHost(std::u16string_view host) {
-    icu::UnicodeString lower = lowercased(privacy_icu::alias(host));
-    std::u16string_view trimmed = view(lower);
+    const std::u16string lower = lowercased(host);
+    std::u16string_view trimmed = lower;
     while (!trimmed.empty() && trimmed.front() == u'.') trimmed.remove_prefix(1);
     while (!trimmed.empty() && trimmed.back() == u'.') trimmed.remove_suffix(1);
     if (trimmed.empty()) return std::nullopt;
@@ -194,13 +182,15 @@ std::optional<Category> categoryForHost(std::u16string_view host) {
 }
 
 std::optional<Category> categoryMentionedIn(std::u16string_view text) {
-    icu::UnicodeString lower = lowercased(privacy_icu::alias(text));
-    const int32_t length = lower.length();
+    const std::u16string lower = lowercased(text);
+    const auto at = [&](int32_t i) { return unicode::char32At(lower, i); };
+    const int32_t length = int32_t(lower.size());
     for (int32_t i = 0; i < length;) {
-        while (i < length && !isTokenCharacter(lower.char32At(i))) i += U16_LENGTH(lower.char32At(i));
+        while (i < length && !isTokenCharacter(at(i))) i += U16_LENGTH(at(i));
         int32_t start = i;
-        while (i < length && isTokenCharacter(lower.char32At(i))) i += U16_LENGTH(lower.char32At(i));
-        std::u16string_view token = trimmedDotsAndDashes(view(lower).substr(size_t(start), size_t(i - start)));
+        while (i < length && isTokenCharacter(at(i))) i += U16_LENGTH(at(i));
+        std::u16string_view token =
+            trimmedDotsAndDashes(std::u16string_view(lower).substr(size_t(start), size_t(i - start)));
         if (token.empty()) continue;
         if (token.find(u'.') != std::u16string_view::npos) {
             if (auto found = categoryForHost(token)) return found;
@@ -215,7 +205,7 @@ std::optional<Category> categoryInTitleForms(const std::vector<std::u16string>& 
     for (const auto& form : forms)
         if (auto found = categoryMentionedIn(std::u16string_view(form))) return found;
     for (const auto& form : forms) {
-        icu::UnicodeString text = privacy_icu::alias(form);
+        std::u16string_view text = form;
         if (privacy_icu::matchesAnywhere(financialTitleRegex(), text)) return Category::financial;
         if (privacy_icu::matchesAnywhere(medicalTitleRegex(), text)) return Category::medical;
     }
@@ -231,8 +221,7 @@ std::vector<std::u16string> titleForms(const std::u16string& title) {
 }
 
 std::optional<std::string> host(const std::string& text) {
-    icu::UnicodeString unicode = icu::UnicodeString::fromUTF8(text);
-    std::string trimmed = privacy_icu::toUTF8(trimmedWhiteSpace(unicode));
+    std::string trimmed = privacy_icu::toUTF8(trimmedWhiteSpace(privacy_icu::toUTF16(text)));
     if (auto found = urlHost(trimmed); found && !found->empty()) return found;
     if (auto found = urlHost("https://" + trimmed); found && !found->empty()) return found;
     return std::nullopt;

@@ -18,7 +18,8 @@ namespace {
 
 }  // namespace
 
-void writeFileAtomically(const std::filesystem::path& path, std::string_view contents, mode_t mode) {
+void writeFileAtomically(const std::filesystem::path& path, std::string_view contents, mode_t mode,
+                         Durability durability) {
     std::string temporary = (path.parent_path() / ("." + path.filename().string() + ".XXXXXX")).string();
     const int fd = mkstemp(temporary.data());
     if (fd < 0) throwErrno("could not create a temporary file", path);
@@ -35,7 +36,7 @@ void writeFileAtomically(const std::filesystem::path& path, std::string_view con
         }
         written += static_cast<size_t>(n);
     }
-    if (::fchmod(fd, mode) != 0 || ::fsync(fd) != 0) {
+    if (::fchmod(fd, mode) != 0 || (durability == Durability::synced && ::fsync(fd) != 0)) {
         const int saved = errno;
         ::close(fd);
         ::unlink(temporary.c_str());

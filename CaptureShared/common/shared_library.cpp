@@ -1,6 +1,8 @@
 #include "CaptureShared/common/shared_library.h"
 
 #include <dlfcn.h>
+#include <link.h>
+#include <stdlib.h>
 
 namespace aimwise {
 
@@ -25,6 +27,18 @@ void* SharedLibrary::address(const char* name) const {
         throw SharedLibraryError(purpose_ + " is unavailable: " + soname_ + " has no function " + name +
                                  "; it is older than this program needs");
     return found;
+}
+
+bool SharedLibrary::has(const char* name) const { return ::dlsym(handle_, name) != nullptr; }
+
+std::string SharedLibrary::file() const {
+    link_map* map = nullptr;
+    if (::dlinfo(handle_, RTLD_DI_LINKMAP, &map) != 0 || !map || !map->l_name) return {};
+    char* resolved = ::realpath(map->l_name, nullptr);
+    if (!resolved) return {};
+    std::string path(resolved);
+    ::free(resolved);
+    return path;
 }
 
 }  // namespace aimwise

@@ -26,6 +26,10 @@ public:
     Function function(const char* name) const {
         return reinterpret_cast<Function>(address(name));
     }
+    // Whether the library defines `name`.
+    bool has(const char* name) const;
+    // The file it was loaded from, symbolic links resolved; empty if the loader cannot say.
+    std::string file() const;
 
 private:
     void* address(const char* name) const;
