@@ -13,6 +13,8 @@
 #include <string>
 #include <vector>
 
+#include <benchmark/benchmark.h>
+
 namespace aimwise::bench {
 
 // Starts `arguments` (found on this process's PATH) and returns its pid, or -1. With `reportFd`,
@@ -62,5 +64,30 @@ inline ChildCost runChild(const std::vector<std::string>& arguments, const std::
         cost.status = -1;
     return cost;
 }
+
+// Sums the children's costs over an iteration run and reports them as per-iteration counters; the
+// children's wall time is the iteration's time.
+class ChildCosts {
+public:
+    explicit ChildCosts(benchmark::State& state) : state_(state) {}
+    ~ChildCosts() {
+        state_.counters["cpu_ms"] = benchmark::Counter(cpuMs_, benchmark::Counter::kAvgIterations);
+        state_.counters["maxRSS_KiB"] = benchmark::Counter(rssKiB_, benchmark::Counter::kAvgIterations);
+    }
+    ChildCosts(const ChildCosts&) = delete;
+    ChildCosts& operator=(const ChildCosts&) = delete;
+
+    void add(const ChildCost& cost) {
+        state_.SetIterationTime(cost.wallSec);
+        cpuMs_ += cost.cpuSec * 1000.0;
+        rssKiB_ += static_cast<double>(cost.maxRSSKiB);
+        if (cost.status != 0) state_.SkipWithError("the child failed");
+    }
+
+private:
+    benchmark::State& state_;
+    double cpuMs_ = 0;
+    double rssKiB_ = 0;
+};
 
 }  // namespace aimwise::bench

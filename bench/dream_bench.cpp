@@ -116,28 +116,8 @@ std::string dreamProgram() {
     return (fs::read_symlink("/proc/self/exe").parent_path() / "aimwise-dream").string();
 }
 
-class Costs {
-public:
-    explicit Costs(benchmark::State& state) : state_(state) {}
-    ~Costs() {
-        state_.counters["cpu_ms"] = benchmark::Counter(cpuMs_, benchmark::Counter::kAvgIterations);
-        state_.counters["maxRSS_KiB"] = benchmark::Counter(rssKiB_, benchmark::Counter::kAvgIterations);
-    }
-    void add(const bench::ChildCost& cost) {
-        state_.SetIterationTime(cost.wallSec);
-        cpuMs_ += cost.cpuSec * 1000.0;
-        rssKiB_ += static_cast<double>(cost.maxRSSKiB);
-        if (cost.status != 0) state_.SkipWithError("the child failed");
-    }
-
-private:
-    benchmark::State& state_;
-    double cpuMs_ = 0;
-    double rssKiB_ = 0;
-};
-
 void BM_TrueProcess(benchmark::State& state) {
-    Costs costs(state);
+    bench::ChildCosts costs(state);
     for (auto _ : state) costs.add(bench::runChild({"/bin/true"}, {}));
 }
 BENCHMARK(BM_TrueProcess)->UseManualTime()->Unit(benchmark::kMillisecond)->Iterations(30)->Repetitions(5);
@@ -145,7 +125,7 @@ BENCHMARK(BM_TrueProcess)->UseManualTime()->Unit(benchmark::kMillisecond)->Itera
 void BM_HoldWhileThePersonIsAtTheMachine(benchmark::State& state) {
     data().personAtTheMachine();
     const auto environment = data().environment("http://127.0.0.1:9");  // a hold never reaches it
-    Costs costs(state);
+    bench::ChildCosts costs(state);
     for (auto _ : state) costs.add(bench::runChild({dreamProgram(), "--once"}, environment));
 }
 BENCHMARK(BM_HoldWhileThePersonIsAtTheMachine)
@@ -157,7 +137,7 @@ BENCHMARK(BM_HoldWhileThePersonIsAtTheMachine)
 void BM_NightlyRunOver30Days(benchmark::State& state) {
     bench::InstantModelServer server;
     const auto environment = data().environment(server.baseURL());
-    Costs costs(state);
+    bench::ChildCosts costs(state);
     for (auto _ : state) {
         fs::remove_all(data().root() / "memory");
         costs.add(bench::runChild({dreamProgram(), "--force"}, environment));
@@ -172,7 +152,7 @@ BENCHMARK(BM_NightlyRunOver30Days)
 // After the run above, every period has its digest: the night's usual hold.
 void BM_HoldWithMemoryUpToDate(benchmark::State& state) {
     const auto environment = data().environment("http://127.0.0.1:9");
-    Costs costs(state);
+    bench::ChildCosts costs(state);
     for (auto _ : state) costs.add(bench::runChild({dreamProgram(), "--once"}, environment));
 }
 BENCHMARK(BM_HoldWithMemoryUpToDate)

@@ -106,30 +106,9 @@ std::vector<std::string> tickEnvironment(const std::string& endpoint) {
             "AIMCAP_LOCAL_INFERENCE_ENDPOINT=" + endpoint, "AIMCHECK_MODEL=bench-model", "PATH=/usr/bin:/bin"};
 }
 
-// Sums the children's costs over an iteration run and reports them as per-iteration counters.
-class Costs {
-public:
-    explicit Costs(benchmark::State& state) : state_(state) {}
-    ~Costs() {
-        state_.counters["cpu_ms"] = benchmark::Counter(cpuMs_, benchmark::Counter::kAvgIterations);
-        state_.counters["maxRSS_KiB"] = benchmark::Counter(rssKiB_, benchmark::Counter::kAvgIterations);
-    }
-    void add(const ChildCost& cost) {
-        state_.SetIterationTime(cost.wallSec);
-        cpuMs_ += cost.cpuSec * 1000.0;
-        rssKiB_ += static_cast<double>(cost.maxRSSKiB);
-        if (cost.status != 0) state_.SkipWithError("the child failed");
-    }
-
-private:
-    benchmark::State& state_;
-    double cpuMs_ = 0;
-    double rssKiB_ = 0;
-};
-
 void skippingTicks(benchmark::State& state, const std::string& program) {
     const auto environment = tickEnvironment("http://127.0.0.1:9");  // a skip must never reach it
-    Costs costs(state);
+    aimwise::bench::ChildCosts costs(state);
     for (auto _ : state) {
         dataRoot().freshRowJudgedJustNow();
         costs.add(runChild({program, "tick"}, environment));
@@ -149,7 +128,7 @@ BENCHMARK(BM_BaselineTickThatSkips)->UseManualTime()->Unit(benchmark::kMilliseco
 void BM_TickThatJudgesWithAnInstantServer(benchmark::State& state) {
     aimwise::bench::InstantModelServer server;
     const auto environment = tickEnvironment(server.baseURL());
-    Costs costs(state);
+    aimwise::bench::ChildCosts costs(state);
     for (auto _ : state) {
         dataRoot().freshRowJudgedJustNow();
         fs::remove(dataRoot().root() / "classifier-cadence.json");  // no prior state: a judgment is due
@@ -164,7 +143,7 @@ BENCHMARK(BM_TickThatJudgesWithAnInstantServer)
 
 void BM_Sqlite3ShellReadingTheNewestRow(benchmark::State& state) {
     const std::string database = (dataRoot().root() / "signals.sqlite").string();
-    Costs costs(state);
+    aimwise::bench::ChildCosts costs(state);
     for (auto _ : state)
         costs.add(runChild({"sqlite3", database, "SELECT ts_ms FROM ticks ORDER BY ts_ms DESC LIMIT 1"},
                            {"PATH=/usr/bin:/bin"}));
@@ -219,7 +198,7 @@ void BM_StartWithLibrary(benchmark::State& state, const std::string& library) {
     const std::string probe = (fs::read_symlink("/proc/self/exe").parent_path() / "library_load_probe").string();
     std::vector<std::string> arguments{probe};
     if (!library.empty()) arguments.push_back(library);
-    Costs costs(state);
+    aimwise::bench::ChildCosts costs(state);
     for (auto _ : state) costs.add(runChild(arguments, {}));
 }
 

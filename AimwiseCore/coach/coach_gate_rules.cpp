@@ -2,6 +2,7 @@
 
 #include <string_view>
 
+#include "AimwiseCore/coach/prompt_paragraphs.h"
 #include "AimwiseCore/models/server_prompt.h"
 
 namespace aimwise {
@@ -43,21 +44,12 @@ constexpr const char* summaryDescriptionForQuestion =
 constexpr const char* decisionSentence =
     R"PROMPT(Whether the coach should check in with them right now. Consider the summary above and the timeline: has this already been raised and answered? Is a check-in already pending an unanswered reply? Would checking in now repeat something already said with nothing new to add? Say no more often than yes -- an unnecessary check-in costs their trust; a missed one costs nothing until it recurs.)PROMPT";
 
-std::string joinedParagraphs(std::initializer_list<std::string_view> paragraphs) {
-    std::string out;
-    for (const std::string_view paragraph : paragraphs) {
-        if (!out.empty()) out += "\n\n";
-        out += paragraph;
-    }
-    return out;
-}
-
 }  // namespace
 
 namespace CoachGateRules {
 
 const std::string& text() {
-    static const std::string rules = joinedParagraphs(
+    static const std::string rules = PromptParagraphs::joined(
         {decides, aboutAimwise, timelineCovers, taughtCarriesAcross, standingNote, classifierIsNoObservation,
          screenTextInQuotes, interruptWhen, durationIsNotNews, unobservedIsNotChange, comingBack});
     return rules;

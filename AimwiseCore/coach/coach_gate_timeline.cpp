@@ -12,8 +12,8 @@
 #include "AimwiseCore/coach/projection_date_parsing.h"
 #include "AimwiseCore/coach/task_minutes.h"
 #include "AimwiseCore/privacy/screen_text.h"
-#include "CaptureShared/common/icu_date_format.h"
 #include "CaptureShared/common/icu_library.h"
+#include "CaptureShared/common/minute_texts.h"
 #include "CaptureShared/common/text.h"
 
 namespace aimwise::CoachGateTimeline {
@@ -22,49 +22,15 @@ namespace {
 
 constexpr const char* chatMessageType = "app_chat_message";
 
-// Building an ICU formatter costs far more than a format, and a timeline formats hundreds of times
-// that share few minutes: each thread keeps one formatter per pattern and the texts of the minutes it
-// has formatted. The default zone is checked once per public call rather than once per time.
-struct LocalTimeText {
-    std::optional<std::u16string> zone;
-    std::unique_ptr<ICUDateFormat> formatters[2];
-    std::unordered_map<int64_t, std::string> minutes[2];
-};
-
-constexpr const char16_t* patterns[2] = {u"H:mm", u"MMM d, H:mm"};
-constexpr size_t rememberedMinutes = 100'000;
-
-LocalTimeText& localTimeText() {
-    thread_local LocalTimeText text;
-    return text;
+MinuteTexts& localTimeText() {
+    thread_local MinuteTexts texts({u"H:mm", u"MMM d, H:mm"});
+    return texts;
 }
 
-void followDefaultZone() {
-    LocalTimeText& text = localTimeText();
-    std::u16string zone = ICUDateFormat::defaultZone();
-    if (text.zone == zone) return;
-    // A format takes the zone that is the default when it is made.
-    for (auto& formatter : text.formatters) formatter.reset();
-    for (auto& minutes : text.minutes) minutes.clear();
-    text.zone = std::move(zone);
-}
+void followDefaultZone() { localTimeText().followDefaultZone(); }
 
-std::string formatted(int64_t ms, int pattern) {
-    LocalTimeText& text = localTimeText();
-    const int64_t minute = ms >= 0 ? ms / 60'000 : -((-ms + 59'999) / 60'000);
-    auto& minutes = text.minutes[pattern];
-    if (const auto it = minutes.find(minute); it != minutes.end()) return it->second;
-    auto& formatter = text.formatters[pattern];
-    if (!formatter) formatter = ICUDateFormat::make(patterns[pattern]);
-    if (!formatter) return {};
-    std::string utf8 = formatter->format(static_cast<double>(minute * 60'000));
-    if (minutes.size() >= rememberedMinutes) minutes.clear();
-    minutes.emplace(minute, utf8);
-    return utf8;
-}
-
-std::string timeText(int64_t ms) { return formatted(ms, 0); }
-std::string dateTimeText(int64_t ms) { return formatted(ms, 1); }
+std::string timeText(int64_t ms) { return localTimeText().format(ms, 0); }
+std::string dateTimeText(int64_t ms) { return localTimeText().format(ms, 1); }
 
 // The person's own words, cut to `cap` characters (grapheme clusters) and "…".
 std::string cutText(const std::string& text, int cap) {

@@ -3,6 +3,7 @@
 #include <initializer_list>
 #include <string_view>
 
+#include "AimwiseCore/coach/prompt_paragraphs.h"
 #include "AimwiseCore/models/server_prompt.h"
 #include "CaptureShared/common/text.h"
 
@@ -92,34 +93,25 @@ constexpr const char* appChatMarker =
 constexpr const char* checkerMarker =
     R"PROMPT(THIS TURN: the system noticed something on its own, without them prompting you — they has NOT seen this conversation and doesn't know you're considering saying anything. If you decide to speak — a real reply, not the silence character and not do_not_disturb — call open_ui with `message` set to what you want to say, or your reply lands silently in a log they may never check — that is the one thing this system exists to prevent. open_ui with an empty `message` is suppressed and never opens anything. Calling open_ui costs nothing if they happen to already be looking at the app; the app itself won't force anything new in front of them in that case.)PROMPT";
 
-std::string paragraphs(std::initializer_list<std::string_view> parts) {
-    std::string out;
-    for (const std::string_view part : parts) {
-        if (!out.empty()) out += "\n\n";
-        out += part;
-    }
-    return out;
-}
-
 const std::string& driverFirstText() {
-    static const std::string text =
-        paragraphs({driverIntro, driverAsk, driverRealConversation, driverSmallestAction, driverAskWhatIsStuck,
-                    driverChangeClass, driverSoundsLike, driverMoreOnTalking, driverHowToSayNothing});
+    static const std::string text = PromptParagraphs::joined(
+        {driverIntro, driverAsk, driverRealConversation, driverSmallestAction, driverAskWhatIsStuck,
+         driverChangeClass, driverSoundsLike, driverMoreOnTalking, driverHowToSayNothing});
     return text;
 }
 
 const std::string& driverSecondText() {
     static const std::string text =
-        paragraphs({driverAfterSilence, driverSilenceCosts, driverThinking, driverTools, driverToolAndWords,
-                    driverNeverAskAgain, driverHonesty, driverIncoming, driverWhyBrackets, driverWhoSpeaks,
-                    driverTimestamps});
+        PromptParagraphs::joined({driverAfterSilence, driverSilenceCosts, driverThinking, driverTools,
+                                  driverToolAndWords, driverNeverAskAgain, driverHonesty, driverIncoming,
+                                  driverWhyBrackets, driverWhoSpeaks, driverTimestamps});
     return text;
 }
 
 const std::string& directText() {
-    static const std::string text =
-        paragraphs({directIntro, directAsk, directSmallestAction, directChangeClass, directRealConversation,
-                    directMoreOnTalking, directTool, directNeverAskAgain, directHonesty});
+    static const std::string text = PromptParagraphs::joined(
+        {directIntro, directAsk, directSmallestAction, directChangeClass, directRealConversation,
+         directMoreOnTalking, directTool, directNeverAskAgain, directHonesty});
     return text;
 }
 

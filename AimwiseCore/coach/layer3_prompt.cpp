@@ -2,6 +2,7 @@
 
 #include <initializer_list>
 
+#include "AimwiseCore/coach/prompt_paragraphs.h"
 #include "AimwiseCore/coach/write_intention_tool.h"
 #include "AimwiseCore/models/server_prompt.h"
 
@@ -76,30 +77,23 @@ constexpr const char* weightLocal =
 constexpr const char* reasonsAreYoursOnline =
     R"PROMPT(The reasons in all of the above are yours to share. When they ask why you are doing something, tell them the reason in plain words.)PROMPT";
 
-std::string paragraphs(std::initializer_list<std::string_view> parts) {
-    std::string out;
-    for (const std::string_view part : parts) {
-        if (!out.empty()) out += "\n\n";
-        out += part;
-    }
-    return out;
-}
-
 std::string onlineText() {
-    return paragraphs({opening, aboutAimwise, theyAsked, standingNote, standingOnline, reasonsAreNotMissing,
-                       twoThingsOnline, sayDivergenceOnline, aimAtActionOnline, nothingIsStuck, threeMoves,
-                       shrinkTheUnit, askForTheStep, theirReason, askWhatIsInTheWay, changeKind, breakIsNotLapse,
-                       gapMakesStale, screenCouldConfirmOnline, oneShortReply,
-                       std::string(writeIntentionToolOnline) + "\n" + correctJudgmentTool, honesty,
-                       wordsAimedAtYou, keptFromYou, weightOnline, reasonsAreYoursOnline});
+    return PromptParagraphs::joined(
+        {opening, aboutAimwise, theyAsked, standingNote, standingOnline, reasonsAreNotMissing,
+         twoThingsOnline, sayDivergenceOnline, aimAtActionOnline, nothingIsStuck, threeMoves,
+         shrinkTheUnit, askForTheStep, theirReason, askWhatIsInTheWay, changeKind, breakIsNotLapse,
+         gapMakesStale, screenCouldConfirmOnline, oneShortReply,
+         std::string(writeIntentionToolOnline) + "\n" + correctJudgmentTool, honesty,
+         wordsAimedAtYou, keptFromYou, weightOnline, reasonsAreYoursOnline});
 }
 
 std::string localText() {
-    return paragraphs({opening, aboutAimwise, theyAsked, standingNote, standingLocal, reasonsAreNotMissing,
-                       twoQuestionsLocal, sayDivergenceLocal, aimAtActionLocal, nothingIsStuck, threeMoves,
-                       shrinkTheUnit, askForTheStep, theirReason, askWhatIsInTheWay, changeKind, breakIsNotLapse,
-                       gapMakesStale, oneShortReply, std::string(writeIntentionToolLocal) + "\n" + correctJudgmentTool,
-                       honesty, wordsAimedAtYou, keptFromYou, weightLocal});
+    return PromptParagraphs::joined(
+        {opening, aboutAimwise, theyAsked, standingNote, standingLocal, reasonsAreNotMissing,
+         twoQuestionsLocal, sayDivergenceLocal, aimAtActionLocal, nothingIsStuck, threeMoves,
+         shrinkTheUnit, askForTheStep, theirReason, askWhatIsInTheWay, changeKind, breakIsNotLapse,
+         gapMakesStale, oneShortReply, std::string(writeIntentionToolLocal) + "\n" + correctJudgmentTool,
+         honesty, wordsAimedAtYou, keptFromYou, weightLocal});
 }
 
 }  // namespace

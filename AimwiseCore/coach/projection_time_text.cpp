@@ -1,59 +1,25 @@
 #include "AimwiseCore/coach/projection_time_text.h"
 
-#include <memory>
-#include <unordered_map>
 
 #include "AimwiseCore/coach/projection_date_parsing.h"
-#include "CaptureShared/common/icu_date_format.h"
+#include "CaptureShared/common/minute_texts.h"
 #include "CaptureShared/common/local_time.h"
 
 namespace aimwise::ProjectionTimeText {
 
 namespace {
 
-constexpr const char16_t* patterns[2] = {u"MM-dd HH:mm", u"H:mm"};
-constexpr size_t rememberedMinutes = 100'000;
-
-struct Formatting {
-    std::optional<std::u16string> zone;
-    std::unique_ptr<ICUDateFormat> formatters[2];
-    std::unordered_map<int64_t, std::string> minutes[2];
-};
-
-Formatting& formatting() {
-    thread_local Formatting state;
-    return state;
-}
-
-std::string formatted(int64_t ms, int pattern) {
-    Formatting& state = formatting();
-    if (!state.zone) followDefaultZone();
-    const int64_t minute = ms >= 0 ? ms / 60'000 : -((-ms + 59'999) / 60'000);
-    auto& minutes = state.minutes[pattern];
-    if (const auto it = minutes.find(minute); it != minutes.end()) return it->second;
-    auto& formatter = state.formatters[pattern];
-    if (!formatter) formatter = ICUDateFormat::make(patterns[pattern]);
-    if (!formatter) return {};
-    std::string utf8 = formatter->format(static_cast<double>(minute * 60'000));
-    if (minutes.size() >= rememberedMinutes) minutes.clear();
-    minutes.emplace(minute, utf8);
-    return utf8;
+MinuteTexts& minuteTexts() {
+    thread_local MinuteTexts texts({u"MM-dd HH:mm", u"H:mm"});
+    return texts;
 }
 
 }  // namespace
 
-void followDefaultZone() {
-    Formatting& state = formatting();
-    std::u16string zone = ICUDateFormat::defaultZone();
-    if (state.zone == zone) return;
-    // A format takes the zone that is the default when it is made.
-    for (auto& formatter : state.formatters) formatter.reset();
-    for (auto& minutes : state.minutes) minutes.clear();
-    state.zone = std::move(zone);
-}
+void followDefaultZone() { minuteTexts().followDefaultZone(); }
 
-std::string monthDayTime(int64_t ms) { return formatted(ms, 0); }
-std::string hourMinute(int64_t ms) { return formatted(ms, 1); }
+std::string monthDayTime(int64_t ms) { return minuteTexts().format(ms, 0); }
+std::string hourMinute(int64_t ms) { return minuteTexts().format(ms, 1); }
 
 }  // namespace aimwise::ProjectionTimeText
 
