@@ -8,6 +8,7 @@
 #include <cstdlib>
 
 #include "CaptureShared/video/file_descriptor.h"
+#include "CaptureShared/video/video_encryption_format.h"
 #include "CaptureShared/video/video_stream_decryptor.h"
 
 // The seeds in fuzz/seeds/video_chunk_fuzz are sealed with this key: bytes 0, 1, ..., 31.
