@@ -4,6 +4,8 @@
 
 #include "AimwiseCore/models/local_inference_endpoint.h"
 #include "AimwiseCore/models/local_inference_wire.h"
+#include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/agent_config.h"
 #include "fuzz/fuzz_support.h"
 
@@ -33,6 +35,16 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* bytes, size_t size) {
 
     const auto config = fuzzing::scratch() / "config.json";
     fuzzing::writeFile(config, text);
+    if (!text.empty() && trimWhitespaceAndNewlines(text).empty()) {
+        // Read as no settings, but white space is something a person wrote: never written over.
+        try {
+            AgentConfig::setEnvValue("fuzzed", "AIMCAP_MODEL", config);
+            require(false, "a file of white space is never written over");
+        } catch (const ConfigWriteError&) {
+        }
+        require(readWholeFile(config) == text, "a refused file is left as it was");
+        return 0;
+    }
     AgentConfig::setEnvValue("fuzzed", "AIMCAP_MODEL", config);
     auto expected = result.settings;
     expected["AIMCAP_MODEL"] = "fuzzed";
