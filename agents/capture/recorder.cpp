@@ -187,7 +187,7 @@ private:
         if (mono - lastBytesMs_ > (sawBytes_ ? stallMs() : firstFrameAllowanceMs))
             return fault("stalled", "ffmpeg sent no frame for " + duration(mono - lastBytesMs_), lookMs);
         try {
-            if (file_->clearThrough(lookMs) > 0 && !stretchHasFrames_) {
+            if (file_->clearThrough(mono) > 0 && !stretchHasFrames_) {
                 stretchHasFrames_ = true;
                 healthySinceMs_ = std::min(healthySinceMs_, mono);
             }
@@ -269,7 +269,7 @@ private:
             if (count > 0) {
                 lastBytesMs_ = clock_.monotonicMs();
                 sawBytes_ = true;
-                if (!file_->feed(std::string_view(buffer, size_t(count)), clock_.wallMs())) broken_ = true;
+                if (!file_->feed(std::string_view(buffer, size_t(count)), clock_.wallMs(), lastBytesMs_)) broken_ = true;
             } else if (count == 0) {
                 ended_ = true;
                 return;

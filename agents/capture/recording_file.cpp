@@ -26,7 +26,7 @@ int64_t RecordingFile::unwrapPresentationTime(int64_t ticks, int64_t nearMs) {
     return std::llround(ms + wraps * wrapMs);
 }
 
-bool RecordingFile::feed(std::string_view bytes, int64_t arrivedMs) {
+bool RecordingFile::feed(std::string_view bytes, int64_t arrivedMs, int64_t arrivedMonotonicMs) {
     if (broken_) return false;
     const auto packet = [&](const uint8_t* p) {
         const std::string_view whole(reinterpret_cast<const char*>(p), TransportStream::packetSize);
@@ -35,7 +35,9 @@ bool RecordingFile::feed(std::string_view bytes, int64_t arrivedMs) {
             int64_t grabbedMs = ticks ? unwrapPresentationTime(*ticks, arrivedMs) : arrivedMs;
             // The grab precedes the bytes by moments; a stamp far from them is not the grabber's clock.
             if (std::llabs(grabbedMs - arrivedMs) > maximumLatencyMs) grabbedMs = arrivedMs;
-            held_.push_back({std::move(beforeFirstFrame_), grabbedMs, std::max(grabbedMs, arrivedMs) + clearanceMarginMs});
+            // Timed on the monotonic clock, so that a wall clock set back cannot hold frames for hours.
+            held_.push_back({std::move(beforeFirstFrame_), grabbedMs,
+                             arrivedMonotonicMs + std::max<int64_t>(grabbedMs - arrivedMs, 0) + clearanceMarginMs});
             beforeFirstFrame_.clear();
             held_.back().bytes.append(whole);
         } else if (!held_.empty()) {
@@ -51,9 +53,9 @@ bool RecordingFile::feed(std::string_view bytes, int64_t arrivedMs) {
     return !broken_;
 }
 
-int RecordingFile::clearThrough(int64_t lookMs) {
+int RecordingFile::clearThrough(int64_t lookMonotonicMs) {
     int cleared = 0;
-    while (!held_.empty() && held_.front().clearAfterMs <= lookMs) {
+    while (!held_.empty() && held_.front().clearAfterMonotonicMs <= lookMonotonicMs) {
         const HeldFrame& frame = held_.front();
         encryptor_->write(frame.bytes);
         sidecar_.append({.realMs = frame.grabbedMs, .file = path_.filename().string(), .frameIndex = framesWritten_, .area = area_});

@@ -29,14 +29,14 @@ public:
     RecordingFile(const std::filesystem::path& directory, const std::string& name, const VideoArchiveKey& key,
                   uint32_t generation, FrameTimestamps::CaptureArea area);
 
-    // ffmpeg's bytes as they came, read at `arrivedMs` on the wall clock. Frames carry ffmpeg's
-    // grab time (wall-clock timestamps kept through the muxer), which is what their rows record.
-    // False once the bytes are not a transport stream.
-    bool feed(std::string_view bytes, int64_t arrivedMs);
-    // Seals the held frames a clean look at `lookMs` clears, oldest first; the caller vouches that
-    // every look since this file began was clean. Returns how many. Throws what sealing and the
-    // sidecar throw.
-    int clearThrough(int64_t lookMs);
+    // ffmpeg's bytes as they came, read at `arrivedMs` on the wall clock and `arrivedMonotonicMs`.
+    // Frames carry ffmpeg's grab time (wall-clock timestamps kept through the muxer), which is what
+    // their rows record. False once the bytes are not a transport stream.
+    bool feed(std::string_view bytes, int64_t arrivedMs, int64_t arrivedMonotonicMs);
+    // Seals the held frames a clean look begun at `lookMonotonicMs` clears, oldest first; the caller
+    // vouches that every look since this file began was clean. Returns how many. Throws what sealing
+    // and the sidecar throw.
+    int clearThrough(int64_t lookMonotonicMs);
     // Drops every held frame: a look was not clean. Returns how many.
     int discardHeld();
     // Seals what was cleared and closes the file; held frames are dropped.
@@ -54,7 +54,7 @@ private:
     struct HeldFrame {
         std::string bytes;
         int64_t grabbedMs = 0;
-        int64_t clearAfterMs = 0;
+        int64_t clearAfterMonotonicMs = 0;
     };
 
     std::filesystem::path path_;
