@@ -77,7 +77,8 @@ std::vector<std::string> obstacles() {
 }
 
 std::string archiveLine(int keepDays) {
-    if (DataPaths::dataRootUnavailableReason()) return "Archive: the data root is not available";
+    if (const auto reason = DataPaths::dataRootUnavailableReason())
+        return "Archive: none here, because the data root is not available: " + *reason;
     const fs::path directory = DataPaths::videoDir(1);
     int files = 0;
     uint64_t bytes = 0;

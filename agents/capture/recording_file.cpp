@@ -2,6 +2,7 @@
 
 #include <cmath>
 #include <cstdlib>
+#include <vector>
 
 namespace aimwise {
 
@@ -54,19 +55,21 @@ bool RecordingFile::feed(std::string_view bytes, int64_t arrivedMs, int64_t arri
 }
 
 int RecordingFile::clearThrough(int64_t lookMonotonicMs) {
-    int cleared = 0;
+    std::vector<HeldFrame> cleared;
     while (!held_.empty() && held_.front().clearAfterMonotonicMs <= lookMonotonicMs) {
-        const HeldFrame& frame = held_.front();
-        encryptor_->write(frame.bytes);
-        sidecar_.append({.realMs = frame.grabbedMs, .file = path_.filename().string(), .frameIndex = framesWritten_, .area = area_});
-        lastFrameMs_ = frame.grabbedMs;
-        ++framesWritten_;
-        ++cleared;
+        encryptor_->write(held_.front().bytes);
+        cleared.push_back(std::move(held_.front()));
         held_.pop_front();
     }
-    // A chunk per look that cleared something: a crash loses at most the frames still held.
-    if (cleared > 0) encryptor_->flush();
-    return cleared;
+    if (cleared.empty()) return 0;
+    // One chunk per look that cleared something, sealed before the rows that name its frames: a crash
+    // loses at most the frames still held, and no row points past the end of the file.
+    encryptor_->flush();
+    for (const HeldFrame& frame : cleared) {
+        sidecar_.append({.realMs = frame.grabbedMs, .file = path_.filename().string(), .frameIndex = framesWritten_++, .area = area_});
+        lastFrameMs_ = frame.grabbedMs;
+    }
+    return static_cast<int>(cleared.size());
 }
 
 int RecordingFile::discardHeld() {

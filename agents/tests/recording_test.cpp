@@ -4,10 +4,13 @@
 
 #include <utime.h>
 
+#include "CaptureShared/video/video_stream_decryptor.h"
 #include "CaptureShared/video/video_stream_encryptor.h"
+#include "agents/capture/recording_file.h"
 #include "agents/capture/recording_gate.h"
 #include "agents/capture/recording_retention.h"
 #include "agents/capture/recording_setting.h"
+#include "tests/support/run_process.h"
 #include "tests/support/temp_dir.h"
 
 namespace aimwise {
@@ -107,6 +110,40 @@ TEST(RecordingRetention, DeletesOnlyItsOwnOldSealedFilesAndTheirRows) {
     for (const auto& path : kept) EXPECT_TRUE(fs::exists(path)) << path;
     EXPECT_FALSE(fs::exists(display / old));
     EXPECT_EQ(testing::readFile(display / "frame_timestamps.csv"), header + row(nowMs - 2 * dayMs, "") + row(nowMs - dayMs, fresh));
+}
+
+TEST(RecordingFile, OnlyFramesALaterLookClearedReachTheDiskAndTheirRows) {
+    testing::TempDir dir;
+    const auto stream = testing::runProcess("/usr/bin/ffmpeg", {"-v", "error", "-f", "lavfi", "-i", "testsrc=size=64x64:rate=1",
+                                                                "-frames:v", "3", "-c:v", "libx264", "-f", "mpegts", "pipe:1"});
+    ASSERT_EQ(stream.exitStatus, 0) << stream.standardError;
+    const auto key = VideoArchiveKey::random();
+    const int64_t wallMs = 1'795'000'000'000, arrivedMono = 1000, clearAt = arrivedMono + RecordingFile::clearanceMarginMs;
+    const std::string plain[] = {stream.standardOutput, ""};
+    for (const bool looked : {true, false}) {
+        const std::string name = looked ? "cleared.ts.sealed" : "dropped.ts.sealed";
+        RecordingFile file(dir.path(), name, key, 3, {0, 0, 64, 64});
+        ASSERT_TRUE(file.feed(stream.standardOutput, wallMs, arrivedMono));
+        EXPECT_EQ(file.framesHeld(), 3u);
+        EXPECT_EQ(file.clearThrough(clearAt - 1), 0) << "a look begun before the frames were safely grabbed";
+        if (looked) {
+            EXPECT_EQ(file.clearThrough(clearAt), 3);
+        }
+        file.close();
+        EXPECT_EQ(VideoStreamDecryptor::open(dir / name, [&](uint32_t) { return key; }).readAll(), plain[looked ? 0 : 1]);
+    }
+    // The grabber's stamps are far from the arrival here, so the rows fall back on it.
+    const std::string row = std::to_string(wallMs) + ",cleared.ts.sealed,";
+    EXPECT_EQ(testing::readFile(dir / "frame_timestamps.csv"), std::string(FrameTimestamps::header) + "\n" + row +
+                                                                    "0,0,0,64,64\n" + row + "1,0,0,64,64\n" + row + "2,0,0,64,64\n");
+    RecordingFile garbage(dir.path(), "garbage.ts.sealed", key, 3, {0, 0, 64, 64});
+    EXPECT_FALSE(garbage.feed(std::string(400, 'x'), wallMs, arrivedMono));
+
+    // Grab stamps are 33-bit 90 kHz ticks; near the wrap they still land on the right millisecond.
+    const int64_t wrapMs = (int64_t{1} << 33) / 90;
+    for (const int64_t ms : {wallMs, wallMs + 123, (wallMs / wrapMs + 1) * wrapMs - 3, (wallMs / wrapMs + 1) * wrapMs + 4})
+        for (const int64_t offset : {-900, 0, 900})
+            EXPECT_NEAR(RecordingFile::unwrapPresentationTime(ms * 90 % (int64_t{1} << 33), ms + offset), ms, 1) << ms;
 }
 
 TEST(RecordingSetting, OnlyAReadableRequestTurnsRecordingOn) {
