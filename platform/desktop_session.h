@@ -10,6 +10,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace aimwise {
@@ -40,6 +41,9 @@ class DesktopSession {
 
     // The session of the named display (empty: $DISPLAY), or nothing when it cannot be opened.
     static std::unique_ptr<DesktopSession> connect(const std::string& displayName);
+    // The size of the named display's whole screen in pixels, asked afresh, or nothing when the
+    // display cannot be opened.
+    static std::optional<std::pair<int, int>> screenSize(const std::string& displayName);
 
     // Nothing once the connection is lost; the caller then drops this object and connects anew.
     // The time, on a monotonic clock, paces the occasional full refresh of window properties.

@@ -105,6 +105,10 @@ FfmpegChild::~FfmpegChild() {
     if (errorReader_.joinable()) errorReader_.join();
 }
 
+void FfmpegChild::kill() {
+    if (pid_ > 0) ::kill(pid_, SIGKILL);
+}
+
 bool FfmpegChild::wait() {
     if (pid_ > 0) {
         while (::waitpid(pid_, &status_, 0) < 0 && errno == EINTR) {

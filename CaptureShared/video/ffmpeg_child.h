@@ -31,6 +31,8 @@ public:
     void closeInput() { input_.reset(); }
     // For a writer thread that should close the input itself, whatever happens to this object.
     FileDescriptor takeInput() { return std::move(input_); }
+    // Ends a running child at once, without waiting: what it wrote stays readable, and `wait` reaps it.
+    void kill();
     // Waits for the end; true when it exited with status 0.
     bool wait();
     // What it wrote on standard error, its last few kilobytes, trimmed; "exit status N" when nothing.

@@ -1,10 +1,14 @@
 #include "CaptureShared/video/transport_stream.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace aimwise::TransportStream {
 
-std::optional<FrameStart> frameStart(const uint8_t* p) {
+namespace {
+
+// Where the PES header of a video frame starts in `p`, and whether the frame is a keyframe.
+std::optional<std::pair<size_t, bool>> videoPesHeader(const uint8_t* p) {
     const bool unitStart = p[1] & 0x40;
     const int adaptation = (p[3] >> 4) & 3;
     if (!unitStart || !(adaptation & 1)) return std::nullopt;
@@ -19,7 +23,25 @@ std::optional<FrameStart> frameStart(const uint8_t* p) {
     if (payload + 4 > packetSize || p[payload] != 0 || p[payload + 1] != 0 || p[payload + 2] != 1 ||
         (p[payload + 3] & 0xF0) != 0xE0)
         return std::nullopt;
-    return FrameStart{((p[1] & 0x1F) << 8) | p[2], randomAccess};
+    return std::pair(payload, randomAccess);
+}
+
+}  // namespace
+
+std::optional<FrameStart> frameStart(const uint8_t* p) {
+    const auto header = videoPesHeader(p);
+    if (!header) return std::nullopt;
+    return FrameStart{((p[1] & 0x1F) << 8) | p[2], header->second};
+}
+
+std::optional<int64_t> presentationTime(const uint8_t* p) {
+    const auto header = videoPesHeader(p);
+    if (!header || header->first + 14 > packetSize) return std::nullopt;
+    const uint8_t* pes = p + header->first;
+    if (!(pes[7] & 0x80)) return std::nullopt;
+    const uint8_t* t = pes + 9;
+    return (int64_t(t[0] >> 1 & 7) << 30) | (int64_t(t[1]) << 22) | (int64_t(t[2] >> 1) << 15) |
+           (int64_t(t[3]) << 7) | (t[4] >> 1);
 }
 
 void Scanner::feed(std::string_view bytes) {

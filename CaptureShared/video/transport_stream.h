@@ -66,6 +66,8 @@ struct FrameStart {
     bool keyframe = false;
 };
 std::optional<FrameStart> frameStart(const uint8_t* packet);
+// The presentation time, in 90 kHz ticks modulo 2^33, of the video frame starting in `packet`.
+std::optional<int64_t> presentationTime(const uint8_t* packet);
 
 template <typename OnPacket>
 bool PacketReader::feed(std::string_view bytes, OnPacket&& onPacket) {

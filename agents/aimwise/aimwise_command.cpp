@@ -30,6 +30,7 @@
 #include "agents/aimwise/memory_verb.h"
 #include "agents/aimwise/model_verb.h"
 #include "agents/aimwise/models_verb.h"
+#include "agents/aimwise/record_verb.h"
 #include "agents/coach/coach_status.h"
 #include "agents/services/user_services.h"
 
@@ -48,6 +49,7 @@ const char* const usageText =
     "  init [PATH]                            set up a data root (asks when no PATH is given)\n"
     "  label [--count N] | label --stats      say what you were really doing at judged moments\n"
     "  model list | install [NAME] | serve    the local model: the catalogue, a verified download, llama-server\n"
+    "  record on [--fps N] [--keep-days N] | off | status   screen recording, sealed and kept 7 days\n"
     "  install-services [--no-start]          install and enable the systemd user units\n"
     "  uninstall-services                     stop, disable and remove them\n"
     "  models [--check [--message TEXT]]      which model each role uses; --check asks the coach's model once\n";
@@ -292,6 +294,7 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "chat") return ChatVerb::run(rest, processEnvironment(), clock);
     if (command == "label") return LabelVerb::run(rest);
     if (command == "model") return ModelVerb::run(rest, Clock::system());
+    if (command == "record") return RecordVerb::run(rest);
     if (command == "install-services") {
         if (rest.size() > 1 || (rest.size() == 1 && rest.front() != "--no-start"))
             return usage("install-services takes only --no-start");

@@ -9,6 +9,7 @@
 #include "CaptureShared/signals/sqlite_db.h"
 #include "CaptureShared/staleness/recording_pause.h"
 #include "agents/capture/idle_split.h"
+#include "agents/capture/recorder.h"
 #include "agents/capture/signals_writer.h"
 #include "agents/capture/tick_record.h"
 #include "platform/desktop_session.h"
@@ -33,7 +34,11 @@ void sleepUntil(int64_t deadlineMs, const std::atomic<bool>& stop, const Clock& 
 class Agent {
   public:
     Agent(const CaptureOptions& options, const Clock& clock)
-        : options_(options), clock_(clock), lock_(options.sessionLock) {}
+        : options_(options), clock_(clock), lock_(options.sessionLock) {
+        if (!options.once)
+            recorder_ = std::make_unique<Recorder>(
+                Recorder::Options{.display = options.display, .environment = processEnvironment()}, clock, say);
+    }
 
     // True when an instant was written.
     bool step(int64_t nowMonotonic) {
@@ -59,6 +64,7 @@ class Agent {
             powerReadAtMs_ = nowMonotonic;
         }
         const auto locked = lock_.locked(nowMonotonic);
+        if (recorder_) recorder_->observeLock(locked);
         writer_->write(buildTickRecord(clock_.wallMs(), *snapshot, idle, locked, *power_, EventLog::read()));
         return true;
     }
@@ -136,6 +142,8 @@ class Agent {
     IdleSplit idleSplit_;
     std::unique_ptr<DesktopSession> desktop_;
     std::unique_ptr<SignalsWriter> writer_;
+    // Its own thread: its faults and waits never hold up sampling.
+    std::unique_ptr<Recorder> recorder_;
     std::optional<PowerSource::TickColumns> power_;
     int64_t powerReadAtMs_ = 0;
     int64_t nextDisplayAttemptMs_ = 0;

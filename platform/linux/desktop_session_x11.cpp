@@ -445,4 +445,19 @@ std::unique_ptr<DesktopSession> DesktopSession::connect(const std::string& displ
     return impl;
 }
 
+std::optional<std::pair<int, int>> DesktopSession::screenSize(const std::string& displayName) {
+    XSetIOErrorHandler(quietIOError);
+    Display* display = XOpenDisplay(displayName.empty() ? nullptr : displayName.c_str());
+    if (!display) return std::nullopt;
+    // A server that goes away during the question must not end the process.
+    XSetIOErrorExitHandler(display, [](Display*, void*) {}, nullptr);
+    Window root = 0;
+    int x = 0, y = 0;
+    unsigned width = 0, height = 0, border = 0, depth = 0;
+    const bool known = XGetGeometry(display, DefaultRootWindow(display), &root, &x, &y, &width, &height, &border, &depth);
+    XCloseDisplay(display);
+    if (!known || width == 0 || height == 0) return std::nullopt;
+    return std::pair(static_cast<int>(width), static_cast<int>(height));
+}
+
 }  // namespace aimwise
