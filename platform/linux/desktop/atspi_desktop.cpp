@@ -3,7 +3,10 @@
 #include <atspi/atspi.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <memory>
+
+#include "platform/linux/desktop/session_bus.h"
 
 namespace aimwise::AtspiDesktop {
 namespace {
@@ -164,10 +167,24 @@ private:
 
 }  // namespace
 
+// libatspi ends the process when it cannot reach the accessibility bus, so the address is found
+// first over the session bus (starting the bus launcher if need be) and handed to it.
+bool accessibilityBusReachable(int timeoutMs) {
+    if (const char* address = std::getenv("AT_SPI_BUS_ADDRESS"); address && *address) return true;
+    SessionBus::Bus bus = SessionBus::open();
+    if (!bus) return false;
+    const SessionBus::Reply reply = SessionBus::call(bus.get(), "org.a11y.Bus", "/org/a11y/bus", "org.a11y.Bus",
+                                                     "GetAddress", std::max(timeoutMs, 1000));
+    const auto address = reply ? SessionBus::readString(reply.message.get()) : std::nullopt;
+    if (!address || address->empty()) return false;
+    ::setenv("AT_SPI_BUS_ADDRESS", address->c_str(), 1);
+    return true;
+}
+
 bool connect(int callTimeoutMs) {
-    static const bool connected = [] {
+    static const bool connected = [&] {
         // atspi_init answers 1 when it was already done, which is as good.
-        return atspi_init() >= 0;
+        return accessibilityBusReachable(callTimeoutMs) && atspi_init() >= 0;
     }();
     if (connected) atspi_set_timeout(callTimeoutMs, callTimeoutMs);
     if (!connected) return false;

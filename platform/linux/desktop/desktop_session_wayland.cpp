@@ -1,8 +1,5 @@
 // The Wayland readers: the desktop kind picks where windows come from, and idle time comes from the
 // first of ext-idle-notify-v1, GNOME's idle monitor and KDE's idle protocol that answers.
-#include <algorithm>
-#include <cctype>
-
 #include "platform/desktop_session.h"
 #include "platform/linux/desktop/wayland_connection.h"
 #include "platform/linux/desktop/window_source.h"
@@ -12,11 +9,6 @@ namespace {
 
 // Idle shorter than this reads as none; the compositor needs some threshold to speak at all.
 constexpr int64_t idleThresholdMs = 1000;
-
-std::string lowercase(std::string text) {
-    std::transform(text.begin(), text.end(), text.begin(), [](unsigned char c) { return std::tolower(c); });
-    return text;
-}
 
 class WaylandDesktopSession final : public DesktopSession {
 public:
@@ -96,18 +88,6 @@ private:
 };
 
 }  // namespace
-
-DesktopKind desktopKindFor(const Environment& environment) {
-    const bool wayland = !lookup(environment, "WAYLAND_DISPLAY").value_or("").empty() ||
-                         lookup(environment, "XDG_SESSION_TYPE") == "wayland";
-    if (!wayland) return DesktopKind::x11;
-    // A colon-separated list, most specific first ("ubuntu:GNOME", "KDE").
-    const std::string desktops = ":" + lowercase(lookup(environment, "XDG_CURRENT_DESKTOP").value_or("")) + ":";
-    if (desktops.find(":kde:") != std::string::npos) return DesktopKind::kde;
-    if (desktops.find(":gnome:") != std::string::npos || desktops.find(":gnome-classic:") != std::string::npos)
-        return DesktopKind::gnome;
-    return DesktopKind::wlroots;
-}
 
 std::unique_ptr<DesktopSession> DesktopSession::open(DesktopKind kind, const Environment& environment,
                                                      const std::string& displayName) {

@@ -72,6 +72,8 @@ public:
         return latest_.value_or(WindowReport{});
     }
 
+    bool ready() const override { return latest_.has_value(); }
+
     std::string describe() const override {
         return "a KWin script loaded over D-Bus (org.kde.KWin /Scripting) that reports the windows' captions, "
                "resource classes, geometry and minimised state; windows on other virtual desktops are counted as "

@@ -25,6 +25,8 @@ public:
     virtual ~WindowSource() = default;
     // Nothing once the source is lost for good; the reader then reconnects.
     virtual std::optional<WindowReport> read(int64_t nowMonotonicMs) = 0;
+    // False until the source has heard anything (a KWin script that has not reported yet).
+    virtual bool ready() const { return true; }
     virtual std::string describe() const = 0;
 };
 
