@@ -8,6 +8,7 @@
 #include "CaptureShared/signals/signals_reader.h"
 #include "platform/desktop_helper.h"
 #include "platform/vision_text_recognizer.h"
+#include "tests/support/required_tools.h"
 #include "tests/support/run_process.h"
 #include "tests/support/scoped_environment.h"
 #include "tests/support/scripted_model_server.h"
@@ -41,7 +42,10 @@ std::pair<uint32_t, uint32_t> pngSize(const std::string& dataURL) {
 class WindowContentOnSway : public ::testing::Test {
 protected:
     void SetUp() override {
-        for (const auto& [key, value] : sway_.environment()) environment_.set(key, value);
+        if (auto missing = SwayDisplay::missing()) GTEST_SKIP() << *missing;
+        if (auto missing = missingTools({"grim"})) GTEST_SKIP() << *missing;
+        sway_.emplace(dir_ / "sway.log");
+        for (const auto& [key, value] : sway_->environment()) environment_.set(key, value);
         environment_.unset("DISPLAY");
         environment_.set(DesktopHelper::helperEnvVar, AIMWISE_BINARY_DIR "/bin/aimwise-desktop");
         environment_.set("TMPDIR", (dir_ / "tmp").string());
@@ -63,7 +67,7 @@ protected:
 
     ScopedEnvironment environment_;
     TempDir dir_;
-    SwayDisplay sway_{dir_ / "sway.log"};
+    std::optional<SwayDisplay> sway_;
     SignalsFixture signals_{dir_ / "signals.sqlite"};
     ScriptedModelServer server_{ScriptedModelServer::Transport::tcp};
     HTTPSession session_;
@@ -71,7 +75,7 @@ protected:
 };
 
 TEST_F(WindowContentOnSway, TheWholeScreenIsTakenWhenTheFrontWindowsPlaceIsUnknown) {
-    const auto shell = sway_.terminal("alpha", "make -j2");
+    const auto shell = sway_->terminal("alpha", "make -j2");
     front("alpha", "make -j2");
     const ProcessResult listing = runProcess(AIMWISE_BINARY_DIR "/bin/aimwise-desktop", {"windows"});
     EXPECT_EQ(listing.standardOutput, "-\t-\t-\t-\talpha\talpha\n") << listing.standardError;
@@ -89,10 +93,10 @@ TEST_F(WindowContentOnSway, TheWholeScreenIsTakenWhenTheFrontWindowsPlaceIsUnkno
 }
 
 TEST_F(WindowContentOnSway, AnyOpenDenylistedWindowWithholdsAndAFrontOneIsNamedFirst) {
-    const auto shell = sway_.terminal("alpha", "notes");
+    const auto shell = sway_->terminal("alpha", "notes");
     front("alpha", "notes");
     {
-        const auto vault = sway_.terminal("KeePassXC", "Passwords.kdbx");
+        const auto vault = sway_->terminal("KeePassXC", "Passwords.kdbx");
         front("alpha", "notes");
         EXPECT_EQ(contentMustBeWithheldForDenylist(reader()), ContentWithheldReason::anotherDenylistedAppWindowVisible);
         front("KeePassXC", "Passwords.kdbx");

@@ -9,6 +9,7 @@
 #include "platform/desktop_helper.h"
 #include "platform/vision_text_recognizer.h"
 #include "platform/window_text.h"
+#include "tests/support/required_tools.h"
 #include "tests/support/scoped_environment.h"
 #include "tests/support/scripted_model_server.h"
 #include "tests/support/session_bus.h"
@@ -25,8 +26,13 @@ const std::string body = "Invoice 4471 due Friday\nCall the dentist";
 class WindowTextOnXvfb : public ::testing::Test {
 protected:
     void SetUp() override {
-        environment_.set("DISPLAY", display_.name());
-        environment_.set("DBUS_SESSION_BUS_ADDRESS", bus_.address());
+        if (auto missing = missingTools({"Xvfb", "dbus-daemon", "/usr/libexec/at-spi-bus-launcher", "/usr/bin/python3",
+                                         "/usr/lib/python3/dist-packages/gi"}))
+            GTEST_SKIP() << *missing;
+        display_.emplace();
+        bus_.emplace();
+        environment_.set("DISPLAY", display_->name());
+        environment_.set("DBUS_SESSION_BUS_ADDRESS", bus_->address());
         environment_.unset("AT_SPI_BUS_ADDRESS");
         environment_.unset("WAYLAND_DISPLAY");
         environment_.set(DesktopHelper::helperEnvVar, AIMWISE_BINARY_DIR "/bin/aimwise-desktop");
@@ -61,8 +67,8 @@ protected:
     }
 
     ScopedEnvironment environment_;
-    XvfbDisplay display_;
-    PrivateSessionBus bus_;
+    std::optional<XvfbDisplay> display_;
+    std::optional<PrivateSessionBus> bus_;
     TempDir dir_;
     SignalsFixture signals_{dir_ / "signals.sqlite"};
     ScriptedModelServer server_{ScriptedModelServer::Transport::tcp};
@@ -71,7 +77,7 @@ protected:
 };
 
 TEST_F(WindowTextOnXvfb, TheFrontGtkWindowsTextComesFromTheAccessibilityBusAndTheOCRHelperNeverRuns) {
-    GtkTextWindow window(display_.name(), bus_.address(), "Budget - Editor", "Quarterly budget review", body);
+    GtkTextWindow window(display_->name(), bus_->address(), "Budget - Editor", "Quarterly budget review", body);
     ASSERT_TRUE(published());
     front(window.pid());
 
@@ -90,7 +96,7 @@ TEST_F(WindowTextOnXvfb, TheFrontGtkWindowsTextComesFromTheAccessibilityBusAndTh
 }
 
 TEST_F(WindowTextOnXvfb, AnotherProcessesWindowIsNeverTakenForTheFrontOneAndOCRReadsInstead) {
-    GtkTextWindow window(display_.name(), bus_.address(), "Budget - Editor", "Quarterly budget review", body);
+    GtkTextWindow window(display_->name(), bus_->address(), "Budget - Editor", "Quarterly budget review", body);
     ASSERT_TRUE(published());
     front(window.pid() + 1);
 

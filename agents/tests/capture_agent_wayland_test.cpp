@@ -13,13 +13,17 @@ namespace {
 
 class CaptureAgentWaylandTest : public ::testing::Test {
 protected:
+    void SetUp() override {
+        if (const auto missing = SwayDisplay::missing()) GTEST_SKIP() << *missing;
+        sway.emplace(sandbox.temp / "sway.log");
+    }
     AgentSandbox sandbox;
-    SwayDisplay sway{sandbox.temp / "sway.log"};
+    std::optional<SwayDisplay> sway;
     std::filesystem::path agentLog = sandbox.temp / "agent.log";
 
     std::map<std::string, std::string> environment() const {
         auto env = sandbox.environment();
-        env.merge(sway.environment());
+        env.merge(sway->environment());
         env["DISPLAY"] = "";
         return env;
     }
@@ -47,8 +51,8 @@ protected:
 };
 
 TEST_F(CaptureAgentWaylandTest, RecordsTheFocusedToplevelAndFollowsAFocusSwitch) {
-    const auto first = sway.terminal("alpha.notes", "notes.md - first shell");
-    const auto second = sway.terminal("beta.build", "make -j2 - second shell");
+    const auto first = sway->terminal("alpha.notes", "notes.md - first shell");
+    const auto second = sway->terminal("beta.build", "make -j2 - second shell");
     auto agent = startAgent();
 
     // The newest window has focus; positions are unknown on wlroots and written as NULL.
@@ -58,7 +62,7 @@ TEST_F(CaptureAgentWaylandTest, RecordsTheFocusedToplevelAndFollowsAFocusSwitch)
     EXPECT_EQ(SignalsReader::open(sandbox.signals()).frontmostBundleId(SignalsReader::open(sandbox.signals()).latestTick()->tsMs),
               "beta.build");
 
-    ASSERT_TRUE(sway.command("[app_id=\"alpha.notes\"] focus"));
+    ASSERT_TRUE(sway->command("[app_id=\"alpha.notes\"] focus"));
     ASSERT_TRUE(eventually([&] { return front() == std::optional<std::string>("alpha.notes"); })) << agentMessages();
     EXPECT_EQ(newestWindows().front(), (Row{"alpha.notes", "notes.md - first shell", {}, {}, {}, {}}));
 
@@ -80,7 +84,7 @@ TEST_F(CaptureAgentWaylandTest, RecordsTheFocusedToplevelAndFollowsAFocusSwitch)
 }
 
 TEST_F(CaptureAgentWaylandTest, AClosedWindowLeavesTheListAndNoWindowMeansNoFront) {
-    auto only = sway.terminal("gamma", "only window");
+    auto only = sway->terminal("gamma", "only window");
     auto agent = startAgent();
     ASSERT_TRUE(eventually([&] { return front() == std::optional<std::string>("gamma"); })) << agentMessages();
     only.reset();

@@ -8,6 +8,7 @@
 #include <thread>
 #include <vector>
 
+#include "tests/support/required_tools.h"
 #include "tests/support/run_process.h"
 #include "tests/support/temp_dir.h"
 
@@ -32,6 +33,8 @@ bool waitFor(const std::function<bool()>& condition, int timeoutMs) {
 }
 
 }  // namespace
+
+std::optional<std::string> SwayDisplay::missing() { return missingTools({"sway", swaymsg(), "foot", "setpriv"}); }
 
 SwayDisplay::SwayDisplay(std::filesystem::path log) {
     std::string pattern = "/tmp/aimwise-sway-XXXXXX";

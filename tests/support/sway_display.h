@@ -4,6 +4,7 @@
 #include <filesystem>
 #include <map>
 #include <memory>
+#include <optional>
 #include <string>
 
 #include "tests/support/x_display.h"
@@ -12,6 +13,8 @@ namespace aimwise::testing {
 
 class SwayDisplay {
 public:
+    // Why a headless sway with foot terminals cannot run here, when it cannot.
+    static std::optional<std::string> missing();
     explicit SwayDisplay(std::filesystem::path log = {});
     ~SwayDisplay();
     SwayDisplay(const SwayDisplay&) = delete;
