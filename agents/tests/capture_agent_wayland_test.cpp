@@ -1,12 +1,10 @@
 // The capture agent on a real Wayland compositor: a headless sway with two foot terminals.
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <sstream>
-
 #include "CaptureShared/signals/signals_reader.h"
 #include "agents/tests/agent_test_support.h"
 #include "tests/support/sway_display.h"
+#include "tests/support/temp_dir.h"
 
 namespace aimwise::testing {
 namespace {
@@ -21,22 +19,14 @@ protected:
     std::optional<SwayDisplay> sway;
     std::filesystem::path agentLog = sandbox.temp / "agent.log";
 
-    std::map<std::string, std::string> environment() const {
-        auto env = sandbox.environment();
-        env.merge(sway->environment());
-        env["DISPLAY"] = "";
-        return env;
-    }
     std::unique_ptr<ChildProcess> startAgent() const {
+        auto environment = sandbox.environment();
+        environment.merge(sway->environment());
+        environment["DISPLAY"] = "";
         return std::make_unique<ChildProcess>(std::vector<std::string>{capturePath(), "--interval-ms", "200"},
-                                              ChildProcess::Options{.environment = environment(), .standardError = agentLog});
+                                              ChildProcess::Options{.environment = environment, .standardError = agentLog});
     }
-    std::string agentMessages() const {
-        std::ifstream in(agentLog);
-        std::stringstream text;
-        text << in.rdbuf();
-        return text.str();
-    }
+    std::string agentMessages() const { return readFile(agentLog); }
     std::optional<std::string> front() const {
         if (count(sandbox.signals(), "ticks") == 0) return std::nullopt;
         const auto tick = SignalsReader::open(sandbox.signals()).latestTick();

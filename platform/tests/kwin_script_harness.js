@@ -16,20 +16,19 @@ function window(caption, resourceClass, x, pid) {
 }
 const editor = window("notes.md - Kate", "kate", 0, 101), browser = window("Docs - Firefox", "firefox", 900, 102);
 const all = [editor, browser];
-const ws = {stackingOrder: all};
-ws[kwin5 ? "clientList" : "windowList"] = () => all;
-for (const name of kwin5 ? ["clientAdded", "clientRemoved", "clientActivated"] : ["windowAdded", "windowRemoved", "windowActivated"])
-    ws[name] = signal();
-ws[kwin5 ? "activeClient" : "activeWindow"] = browser;
-global.workspace = ws;
+const [list, added, removed, activated, active] = kwin5
+    ? ["clientList", "clientAdded", "clientRemoved", "clientActivated", "activeClient"]
+    : ["windowList", "windowAdded", "windowRemoved", "windowActivated", "activeWindow"];
+const ws = global.workspace =
+    {stackingOrder: all, [list]: () => all, [added]: signal(), [removed]: signal(), [activated]: signal(), [active]: browser};
 global.callDBus = (...args) => console.log(JSON.stringify(args));
 eval(source);
-ws[kwin5 ? "activeClient" : "activeWindow"] = editor;
-(kwin5 ? ws.clientActivated : ws.windowActivated).emit(editor);
+ws[active] = editor;
+ws[activated].emit(editor);
 browser.minimized = true;
 browser.minimizedChanged.emit();
 const vault = window("Passwords", "KeePassXC", 300, 103);
 all.push(vault);
-(kwin5 ? ws.clientAdded : ws.windowAdded).emit(vault);
+ws[added].emit(vault);
 vault.caption = "Passwords.kdbx";
 vault.captionChanged.emit();

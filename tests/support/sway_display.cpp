@@ -17,11 +17,7 @@ namespace {
 
 constexpr uid_t nobody = 65534;
 
-std::string swaymsg() {
-    for (const char* dir : {"/usr/bin", "/usr/local/bin"})
-        if (std::filesystem::exists(std::string(dir) + "/swaymsg")) return std::string(dir) + "/swaymsg";
-    return "/usr/bin/swaymsg";
-}
+std::string swaymsg() { return BoundedProcess::findInPath("swaymsg").value_or("/usr/bin/swaymsg"); }
 
 bool waitFor(const std::function<bool()>& condition, int timeoutMs) {
     const auto end = std::chrono::steady_clock::now() + std::chrono::milliseconds(timeoutMs);
@@ -48,12 +44,9 @@ SwayDisplay::SwayDisplay(std::filesystem::path log) {
         argv.insert(argv.begin(), {"setpriv", "--reuid=65534", "--regid=65534", "--clear-groups"});
     }
     server_ = std::make_unique<ChildProcess>(
-        argv, ChildProcess::Options{.environment = {{"XDG_RUNTIME_DIR", directory_.string()},
-                                                    {"WLR_BACKENDS", "headless"},
-                                                    {"WLR_LIBINPUT_NO_DEVICES", "1"},
-                                                    {"WLR_RENDERER", "pixman"},
-                                                    {"WAYLAND_DISPLAY", ""},
-                                                    {"DISPLAY", ""}},
+        argv, ChildProcess::Options{.environment = {{"XDG_RUNTIME_DIR", directory_.string()}, {"WLR_BACKENDS", "headless"},
+                                                    {"WLR_LIBINPUT_NO_DEVICES", "1"}, {"WLR_RENDERER", "pixman"},
+                                                    {"WAYLAND_DISPLAY", ""}, {"DISPLAY", ""}},
                                     .standardError = log});
     const bool ready = waitFor(
         [&] {
@@ -81,9 +74,12 @@ std::map<std::string, std::string> SwayDisplay::environment() const {
             {"XDG_CURRENT_DESKTOP", "sway"}, {"XDG_SESSION_TYPE", "wayland"}};
 }
 
-std::unique_ptr<ChildProcess> SwayDisplay::terminal(const std::string& appId, const std::string& title) const {
+std::unique_ptr<ChildProcess> SwayDisplay::terminal(const std::string& appId, const std::string& title,
+                                                   const std::vector<std::string>& command) const {
+    std::vector<std::string> argv{"foot", "--app-id", appId, "--title", title};
+    argv.insert(argv.end(), command.begin(), command.end());
     auto process = std::make_unique<ChildProcess>(
-        std::vector<std::string>{"foot", "--app-id", appId, "--title", title, "sleep", "3600"},
+        argv,
         ChildProcess::Options{.environment = environment(), .standardError = directory_ / ("foot-" + appId + ".log")});
     const bool listed = waitFor(
         [&] {

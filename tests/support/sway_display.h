@@ -6,6 +6,7 @@
 #include <memory>
 #include <optional>
 #include <string>
+#include <vector>
 
 #include "tests/support/x_display.h"
 
@@ -22,8 +23,10 @@ public:
 
     // What a client of this compositor needs, as a sway session sets it.
     std::map<std::string, std::string> environment() const;
-    // A foot terminal with this app id and title, listed by the compositor when this returns.
-    std::unique_ptr<ChildProcess> terminal(const std::string& appId, const std::string& title) const;
+    // A foot terminal with this app id and title running `command`, listed by the compositor when
+    // this returns.
+    std::unique_ptr<ChildProcess> terminal(const std::string& appId, const std::string& title,
+                                           const std::vector<std::string>& command = {"sleep", "3600"}) const;
     // A sway command through its IPC socket ("[app_id=x] focus"); true when sway accepted it.
     bool command(const std::string& text) const;
 
