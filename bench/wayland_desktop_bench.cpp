@@ -12,6 +12,7 @@
 // through the aimwise-desktop helper. Time is each read's wall time, the helper's start included, as
 // a check runs it.
 #include <benchmark/benchmark.h>
+#include <sqlite3.h>
 #include <fcntl.h>
 #include <sys/stat.h>
 #include <sys/resource.h>
@@ -52,6 +53,19 @@ double stopForCPUSeconds(pid_t pid) {
     return seconds(usage.ru_utime) + seconds(usage.ru_stime);
 }
 
+// The first column of the first row of `sql` on the agent's signals, or -1 when it cannot be read.
+double signalsCount(const fs::path& database, const char* sql) {
+    sqlite3* db = nullptr;
+    sqlite3_stmt* statement = nullptr;
+    double value = -1;
+    if (sqlite3_open_v2(database.c_str(), &db, SQLITE_OPEN_READONLY, nullptr) == SQLITE_OK &&
+        sqlite3_prepare_v2(db, sql, -1, &statement, nullptr) == SQLITE_OK && sqlite3_step(statement) == SQLITE_ROW)
+        value = sqlite3_column_double(statement, 0);
+    sqlite3_finalize(statement);
+    sqlite3_close(db);
+    return value;
+}
+
 double peakMiB(pid_t pid) {
     std::ifstream in("/proc/" + std::to_string(pid) + "/status");
     for (std::string line; std::getline(in, line);)
@@ -83,7 +97,13 @@ void runAgent(benchmark::State& state, const std::vector<std::string>& session, 
         state.counters["agent_peak_rss_MiB"] = peakMiB(capture);
         state.counters["agent_cpu_s_per_hour"] = stopForCPUSeconds(capture) / elapsed * 3600.0;
     }
-    if (!fs::exists(home / "root" / "signals.sqlite")) state.SkipWithError("the agent wrote no signals");
+    // The agent must have seen the desk: every window it was moved to, under the bench's titles.
+    const fs::path signals = home / "root" / "signals.sqlite";
+    state.counters["samples"] = signalsCount(signals, "SELECT COUNT(*) FROM ticks");
+    state.counters["front_apps"] = signalsCount(signals, "SELECT COUNT(DISTINCT frontmost_app) FROM ticks");
+    state.counters["titles_seen"] =
+        signalsCount(signals, "SELECT COUNT(DISTINCT title) FROM windows WHERE title LIKE 'document %'");
+    if (state.counters["front_apps"] < 2) state.SkipWithError("the agent did not follow the desk");
 }
 
 std::string title(int step) { return "document " + std::to_string(step) + " - reading"; }
