@@ -41,6 +41,10 @@ LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSes
         std::fprintf(stderr, "could not check the capture denylist, judging without window content: %s\n",
                      error.description().c_str());
         return live;
+    } catch (const WindowListUnavailable& error) {
+        std::fprintf(stderr, "could not check the capture denylist, judging without window content: %s\n",
+                     error.description().c_str());
+        return live;
     }
     WindowContentReader::Config config;
     try {
@@ -61,6 +65,7 @@ LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSes
                            .text;
     live.ocrChars = static_cast<int64_t>(utf8::scalarCount(parts->ocrText));
     live.screenshotAtMs = parts->screenshotAtMs;
+    live.textSource = WindowContentReader::logValue(parts->textSource);
     return live;
 }
 

@@ -30,6 +30,8 @@ struct LiveWindowContent {
     std::string description;
     int64_t ocrChars = 0;
     std::optional<int64_t> screenshotAtMs;
+    // "accessibility", "ocr" or "none", for the describe log.
+    std::string textSource = "none";
 };
 // Never fails: whatever goes wrong is said on standard error, and the judgment runs without content.
 LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSession& session);

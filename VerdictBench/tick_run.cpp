@@ -372,6 +372,7 @@ void record(TickRun& run, const Judgment& judgment) {
                               {"atMs", atMs},
                               {"describe", judgment.capture.description},
                               {"ocrChars", judgment.capture.ocrChars},
+                              {"textSource", judgment.capture.textSource},
                               {"model", model}};
         if (judgment.capture.screenshotAtMs) row["screenshotAtMs"] = *judgment.capture.screenshotAtMs;
         try {

@@ -20,6 +20,10 @@ using Result = std::variant<Captured, TimedOut, Failed>;
 // Writes `rect` to `destination`. Captured means the tool succeeded and the file is not empty.
 Result captureRect(const ScreenRect& rect, const std::filesystem::path& destination, double timeoutSec);
 
+// The whole screen, for a front window whose place the desktop does not tell (most Wayland
+// compositors). On Wayland desktops both calls use grim or the desktop portal.
+Result captureScreen(const std::filesystem::path& destination, double timeoutSec);
+
 // The tool that captureRect would run, e.g. "maim"; absent tools give a description of what is missing.
 std::string toolDescription();
 

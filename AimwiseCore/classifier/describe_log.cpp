@@ -31,6 +31,8 @@ std::optional<Row> decode(std::string_view line) {
     row.ocrChars = integer(*parsed, "ocrChars").value_or(0);
     if (const JSONValue* model = parsed->member("model"); model && model->stringIfAny()) row.model = *model->stringIfAny();
     row.screenshotAtMs = integer(*parsed, "screenshotAtMs");
+    if (const JSONValue* source = parsed->member("textSource"); source && source->stringIfAny())
+        row.textSource = *source->stringIfAny();
     return row;
 }
 

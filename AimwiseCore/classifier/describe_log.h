@@ -18,6 +18,8 @@ struct Row {
     int64_t ocrChars = 0;
     std::string model;
     std::optional<int64_t> screenshotAtMs{};
+    // Where the window's text came from: "accessibility", "ocr" or "none"; empty in older rows.
+    std::string textSource{};
     bool operator==(const Row&) const = default;
 };
 

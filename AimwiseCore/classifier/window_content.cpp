@@ -23,6 +23,7 @@
 #include "AimwiseCore/models/local_inference_wire.h"
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/signals/signals_reader.h"
+#include "platform/desktop_session.h"
 #include "platform/screenshot_capture.h"
 #include "platform/vision_text_recognizer.h"
 
@@ -140,7 +141,8 @@ std::optional<Denylist::AppIdentity> deniedAppVisibleOverCapturedBounds(
     const std::vector<std::string>& extension) {
     for (const OnScreenWindowRecord& window : windows) {
         if (window.appName == frontmostAppName && window.bundleId == frontmostBundleId) continue;
-        if (!window.bounds.overlaps(capturedBounds)) continue;
+        // A window whose place is unknown may be anywhere.
+        if (window.boundsKnown && !window.bounds.overlaps(capturedBounds)) continue;
         if (Denylist::excludes(window.appName, window.bundleId, extension))
             return Denylist::AppIdentity{window.appName, window.bundleId};
     }
@@ -149,7 +151,12 @@ std::optional<Denylist::AppIdentity> deniedAppVisibleOverCapturedBounds(
 
 }  // namespace OnScreenWindowVisibility
 
-std::vector<OnScreenWindowRecord> liveOnScreenWindowRecords() { return OnScreenWindows::live(); }
+std::vector<OnScreenWindowRecord> liveOnScreenWindowRecords() {
+    if (desktopKindFor(processEnvironment()) == DesktopKind::x11) return OnScreenWindows::live();
+    if (auto listed = OnScreenWindows::liveOnWayland()) return std::move(*listed);
+    throw WindowListUnavailable("could not list the open windows of this Wayland desktop, so no denylisted window "
+                                "can be ruled out");
+}
 
 std::optional<ContentWithheldReason> contentMustBeWithheldForDenylist(const SignalsReader& signals) {
     const std::optional<SignalsReader::TickRow> tick = signals.latestTick();
@@ -158,10 +165,10 @@ std::optional<ContentWithheldReason> contentMustBeWithheldForDenylist(const Sign
     const std::string appName = tick->frontmostApp.value_or("");
     if (tick->frontmostApp && Denylist::excludes(appName, bundleId)) return ContentWithheldReason::frontmostAppDenylisted;
 
-    const std::optional<WindowContentReader::Bounds> bounds = WindowContentReader::frontmostWindowBounds(signals);
-    if (!bounds) return std::nullopt;
-    if (OnScreenWindowVisibility::deniedAppVisibleOverCapturedBounds(liveOnScreenWindowRecords(), *bounds, appName,
-                                                                     bundleId))
+    const std::optional<WindowContentReader::Target> target = WindowContentReader::frontmostTarget(signals);
+    if (!target) return std::nullopt;
+    if (OnScreenWindowVisibility::deniedAppVisibleOverCapturedBounds(
+            liveOnScreenWindowRecords(), target->bounds.value_or(WindowContentReader::wholeScreen), appName, bundleId))
         return ContentWithheldReason::anotherDenylistedAppWindowVisible;
     return std::nullopt;
 }
@@ -213,6 +220,43 @@ Screenshot Screenshot::reserve(int64_t capturedAtMs) {
     return Screenshot(directory, std::move(path), capturedAtMs);
 }
 
+const char* logValue(TextSource source) {
+    switch (source) {
+        case TextSource::accessibility: return "accessibility";
+        case TextSource::ocr: return "ocr";
+        case TextSource::none: break;
+    }
+    return "none";
+}
+
+std::optional<Target> frontmostTarget(const SignalsReader& signals) {
+    const std::optional<SignalsReader::TickRow> tick = signals.latestTick();
+    if (!tick || !tick->frontmostApp) return std::nullopt;
+    const std::optional<SignalsReader::OwnerWindowRow> owner = signals.ownerWindow(tick->tsMs, *tick->frontmostApp);
+    if (!owner) return std::nullopt;
+    Target target;
+    target.appName = *tick->frontmostApp;
+    target.bundleId = signals.frontmostBundleId(tick->tsMs).value_or("");
+    target.pid = owner->pid;
+    target.title = owner->title.value_or("");
+    if (owner->placed) {
+        target.bounds = frontmostWindowBounds(signals);
+        // A placed app whose every window is unusable has nothing to capture.
+        if (!target.bounds) return std::nullopt;
+        if (const auto window = signals.contentWindow(tick->tsMs, *tick->frontmostApp); window && window->title)
+            target.title = *window->title;
+    }
+    return target;
+}
+
+bool accessibleTextBelongsTo(const WindowText::Read& read, const Target& target) {
+    if (Denylist::excludes(read.application, read.application)) return false;
+    if (read.pid && target.pid) return *read.pid == *target.pid;
+    if (!read.title.empty() && read.title == target.title) return true;
+    const std::string application = lowercase(read.application);
+    return !application.empty() && (application == lowercase(target.appName) || application == lowercase(target.bundleId));
+}
+
 std::optional<Bounds> frontmostWindowBounds(const SignalsReader& signals) {
     const std::optional<SignalsReader::TickRow> tick = signals.latestTick();
     if (!tick || !tick->frontmostApp) return std::nullopt;
@@ -233,17 +277,49 @@ Screenshot captureWindowStamped(const Bounds& bounds, double timeoutSec) {
     return screenshot;
 }
 
+Screenshot captureScreenStamped(double timeoutSec) {
+    Screenshot screenshot = Screenshot::reserve(wallClockMs());
+    const ScreenshotCapture::Result result = ScreenshotCapture::captureScreen(screenshot.path(), timeoutSec);
+    if (std::holds_alternative<ScreenshotCapture::TimedOut>(result)) {
+        writeStandardError(fmt::format("screenshot timed out after {:g}s — killing it and judging without a screenshot\n",
+                                       timeoutSec));
+        throw CaptureError(fmt::format("screenshot timed out after {:g}s", timeoutSec));
+    }
+    if (const auto* failed = std::get_if<ScreenshotCapture::Failed>(&result)) throw CaptureError(failed->reason);
+    return screenshot;
+}
+
 Parts readWindowContent(const Bounds& bounds, const Config& config, HTTPSession& session) {
-    const Screenshot screenshot = captureWindowStamped(bounds, captureTimeoutSec);
-    std::string ocrText;
-    const VisionTextRecognizer::OCRResult ocr =
-        VisionTextRecognizer::recognizeText(screenshot.path(), recognitionTimeoutSec);
-    if (const auto* failed = std::get_if<VisionTextRecognizer::Failed>(&ocr))
-        writeStandardError("vision OCR failed (" + failed->reason + ") — judging without on-screen text\n");
-    else
-        ocrText = std::get<VisionTextRecognizer::Read>(ocr).text;
+    return readWindowContent(Target{bounds}, config, session);
+}
+
+Parts readWindowContent(const Target& target, const Config& config, HTTPSession& session) {
+    // Exact text first: when the front window publishes it, the OCR helper never runs.
+    std::string text;
+    TextSource source = TextSource::none;
+    if (!target.appName.empty()) {
+        const WindowText::Result accessible = WindowText::readActive();
+        if (const auto* read = std::get_if<WindowText::Read>(&accessible)) {
+            if (accessibleTextBelongsTo(*read, target) && !trimmedBlanks(read->text).empty()) {
+                text = read->text;
+                source = TextSource::accessibility;
+            }
+        }
+    }
+    const Screenshot screenshot = target.bounds ? captureWindowStamped(*target.bounds, captureTimeoutSec)
+                                                : captureScreenStamped(captureTimeoutSec);
+    if (source == TextSource::none) {
+        const VisionTextRecognizer::OCRResult ocr =
+            VisionTextRecognizer::recognizeText(screenshot.path(), recognitionTimeoutSec);
+        if (const auto* failed = std::get_if<VisionTextRecognizer::Failed>(&ocr)) {
+            writeStandardError("vision OCR failed (" + failed->reason + ") — judging without on-screen text\n");
+        } else {
+            text = std::get<VisionTextRecognizer::Read>(ocr).text;
+            source = TextSource::ocr;
+        }
+    }
     std::string description = describeImage(base64(readWholeFile(screenshot.path())), config, session);
-    return Parts{std::move(ocrText), std::move(description), screenshot.capturedAtMs()};
+    return Parts{std::move(text), std::move(description), screenshot.capturedAtMs(), source};
 }
 
 std::string describeImage(const std::string& imageBase64, const Config& config, HTTPSession& session) {
@@ -317,15 +393,15 @@ std::optional<WindowContentReader::Parts> captureLiveWindowContentParts(
                                        logValue(*contentWithheldForDenylist)));
         return std::nullopt;
     }
-    std::optional<WindowContentReader::Bounds> bounds;
+    std::optional<WindowContentReader::Target> target;
     try {
-        bounds = WindowContentReader::frontmostWindowBounds(signals);
+        target = WindowContentReader::frontmostTarget(signals);
     } catch (const SignalsReaderError& error) {
         writeStandardError("could not read frontmost window bounds from signals.sqlite, judging without window content: " +
                            error.description() + "\n");
         return std::nullopt;
     }
-    if (!bounds) return std::nullopt;
+    if (!target) return std::nullopt;
 
     const auto failure = [](const char* reason, const std::string& error) {
         writeStandardError(fmt::format("window_content: {} (continuing without it): {}\n", reason, error));
@@ -333,7 +409,7 @@ std::optional<WindowContentReader::Parts> captureLiveWindowContentParts(
     constexpr const char* modelUnreachable = "could not reach the local model to describe the window content";
     constexpr const char* screenshotUnreadable = "could not read the captured screenshot";
     try {
-        return WindowContentReader::readWindowContent(*bounds, config, session);
+        return WindowContentReader::readWindowContent(*target, config, session);
     } catch (const ModelBackendError& error) {
         failure(modelUnreachable, error.description());
     } catch (const WindowContentReader::ReaderError& error) {

@@ -2,6 +2,9 @@
 // What the front window shows, for a judgment: a screenshot of its rectangle, the text on it, and a
 // sentence from the local model. The picture never leaves the machine and never outlives the call.
 // Password managers, authenticators and security prompts are never captured, in front or over it.
+// The text comes from the accessibility bus when the front window publishes it, else from OCR. On a
+// Wayland desktop that does not say where windows are, the whole screen is taken, and any open
+// denylisted window that is not minimised withholds it.
 #include <cstdint>
 #include <exception>
 #include <filesystem>
@@ -16,6 +19,7 @@
 #include "CaptureShared/common/error.h"
 #include "platform/on_screen_windows.h"
 #include "platform/screen_rect.h"
+#include "platform/window_text.h"
 
 namespace aimwise {
 
@@ -58,9 +62,16 @@ std::optional<Denylist::AppIdentity> deniedAppVisibleOverCapturedBounds(
 
 }  // namespace OnScreenWindowVisibility
 
+// The windows a screenshot could show. Throws WindowListUnavailable on a Wayland desktop whose window
+// list cannot be read: then nothing can be ruled out.
 std::vector<OnScreenWindowRecord> liveOnScreenWindowRecords();
 
-// Throws SignalsReaderError.
+class WindowListUnavailable : public Error {
+public:
+    using Error::Error;
+};
+
+// Throws SignalsReaderError or WindowListUnavailable.
 std::optional<ContentWithheldReason> contentMustBeWithheldForDenylist(const SignalsReader& signals);
 
 namespace WindowContentReader {
@@ -120,23 +131,51 @@ private:
     int64_t capturedAtMs_ = 0;
 };
 
+// Where the window's text came from; the describe log records it.
+enum class TextSource { none, accessibility, ocr };
+const char* logValue(TextSource source);
+
 struct Parts {
     std::string ocrText;
     std::string description;
     int64_t screenshotAtMs = 0;
+    TextSource textSource = TextSource::none;
     bool operator==(const Parts&) const = default;
 };
 
 // The front app's window in the newest tick. Throws SignalsReaderError.
 std::optional<Bounds> frontmostWindowBounds(const SignalsReader& signals);
 
+// The window a capture is for: its rectangle when the desktop told it (the whole screen is taken
+// otherwise), and who owns it, so that text from the accessibility bus is used only when it comes
+// from the same window.
+struct Target {
+    std::optional<Bounds> bounds;
+    std::string appName;
+    std::string bundleId;
+    std::string title;
+    std::optional<int64_t> pid;
+};
+// Nothing when the newest tick has no front window. Throws SignalsReaderError.
+std::optional<Target> frontmostTarget(const SignalsReader& signals);
+
+// True when the accessible active window is the target's: the same process when both are known,
+// else the same title or application name. Never for a denylisted application.
+bool accessibleTextBelongsTo(const WindowText::Read& read, const Target& target);
+
+// The whole screen as a rectangle: every on-screen window overlaps it.
+inline constexpr Bounds wholeScreen{-1e9, -1e9, 2e9, 2e9};
+
 // The time is taken before the capture starts. Throws CaptureError; a late tool is killed and its
 // partial file removed.
 Screenshot captureWindowStamped(const Bounds& bounds, double timeoutSec);
+// The same for the whole screen, for a window whose place is unknown.
+Screenshot captureScreenStamped(double timeoutSec);
 
 // Capture, text, description; the screenshot is deleted on every way out. Throws CaptureError,
 // ReaderError, ModelBackendError.
 Parts readWindowContent(const Bounds& bounds, const Config& config, HTTPSession& session);
+Parts readWindowContent(const Target& target, const Config& config, HTTPSession& session);
 
 // One chat request with the image to the local model. Throws ModelBackendError or ReaderError.
 std::string describeImage(const std::string& imageBase64, const Config& config, HTTPSession& session);

@@ -30,6 +30,9 @@ constexpr const char* presenceGapSQL =
     "SELECT ts_ms, frontmost_app, browser_app, browser_title, browser_url, idle_any_sec, declared_task "
     "FROM ticks WHERE ts_ms < ? ORDER BY ts_ms DESC LIMIT ?";
 constexpr const char* frontmostBundleIdSQL = "SELECT frontmost_bundle_id FROM ticks WHERE ts_ms = ? LIMIT 1";
+constexpr const char* ownerWindowSQL =
+    "SELECT title, owner_pid, x IS NOT NULL AND y IS NOT NULL AND width IS NOT NULL AND height IS NOT NULL "
+    "FROM windows WHERE ts_ms = ? AND owner_name = ? ORDER BY rowid ASC LIMIT 1";
 constexpr const char* ticksSQL =
     "SELECT ts_ms, frontmost_app, idle_any_sec, browser_title, browser_url FROM ticks "
     "WHERE ts_ms >= ? AND ts_ms <= ? ORDER BY ts_ms ASC LIMIT ?";
@@ -249,6 +252,16 @@ std::optional<std::string> SignalsReader::frontmostBundleId(int64_t tsMs) const 
     s.bind(1, tsMs);
     if (s.step()) return s.text(0);
     return std::nullopt;
+}
+
+std::optional<SignalsReader::OwnerWindowRow> SignalsReader::ownerWindow(int64_t tsMs,
+                                                                      const std::string& ownerName) const {
+    sqlite::Statement s(db_.get(), ownerWindowSQL);
+    requirePrepared(s, db_.get());
+    s.bind(1, tsMs);
+    s.bind(2, ownerName);
+    if (!s.step()) return std::nullopt;
+    return OwnerWindowRow{s.text(0), s.isNull(1) ? std::nullopt : std::optional(s.int64(1)), s.int64(2) != 0};
 }
 
 std::vector<ActivityTimeline::Sample> SignalsReader::ticks(int64_t fromMs, int64_t toMs, int64_t limit) const {

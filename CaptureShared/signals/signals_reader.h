@@ -107,6 +107,15 @@ public:
     PresenceGapResult presenceGap(int64_t beforeMs, int64_t withinMs, double idleAwaySec,
                                   int64_t maxContinuityGapMs, int64_t limit) const;
     std::optional<std::string> frontmostBundleId(int64_t tsMs) const;
+    // The app's first window row at that instant, placed or not: Wayland readers that cannot see
+    // where windows are write the rectangle as NULL, and contentWindow passes over such rows.
+    struct OwnerWindowRow {
+        std::optional<std::string> title{};
+        std::optional<int64_t> pid{};
+        bool placed = false;
+        bool operator==(const OwnerWindowRow&) const = default;
+    };
+    std::optional<OwnerWindowRow> ownerWindow(int64_t tsMs, const std::string& ownerName) const;
     std::vector<ActivityTimeline::Sample> ticks(int64_t fromMs, int64_t toMs, int64_t limit) const;
     WindowExtent maxWindowExtent(int64_t fromTsMs, int64_t toTsMs) const;
     // Rows where the battery level or the charger changed, newest first.

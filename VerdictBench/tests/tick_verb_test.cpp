@@ -412,6 +412,7 @@ protected:
             live.description = "A text editor.";
             live.ocrChars = 16;
             live.screenshotAtMs = 1'700'000'000'123;
+            live.textSource = "ocr";
             return live;
         };
     }
@@ -488,7 +489,8 @@ TEST_F(TickInProcess, ACaptureIsLoggedWithTheVerdictAndTheBatteryReadingsKeepOnl
                               {"describe", "A text editor."},
                               {"ocrChars", 16},
                               {"model", "judge-model"},
-                              {"screenshotAtMs", 1'700'000'000'123}}));
+                              {"screenshotAtMs", 1'700'000'000'123},
+                              {"textSource", "ocr"}}));
     const json energy = json::parse(lines(energyLog()).at(0));
     EXPECT_EQ(energy["before"], json({{"status", "Discharging"}, {"voltage_mv", 11'800}, {"energy_mwh", 40'000}}));
     EXPECT_EQ(energy["after"], energy["before"]);

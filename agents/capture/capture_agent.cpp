@@ -107,13 +107,16 @@ class Agent {
 
     std::optional<DesktopSnapshot> sampleDesktop(int64_t nowMonotonic) {
         if (!desktop_ && nowMonotonic >= nextDisplayAttemptMs_) {
-            desktop_ = DesktopSession::connect(options_.display);
+            desktop_ = openDesktop();
             if (desktop_) {
-                if (displayMissing_) say("connected to the X display again");
+                if (displayMissing_) say("connected to the desktop again");
+                const std::string reader = desktop_->describe();
+                if (reader != lastReader_) say(reader);
+                lastReader_ = reader;
                 displayMissing_ = false;
             } else {
                 if (!displayMissing_)
-                    say("cannot open X display \"" + displayName() + "\"; retrying every " +
+                    say("cannot reach the desktop (" + sessionName() + "); retrying every " +
                         std::to_string(options_.displayRetryMs / 1000) + " s");
                 displayMissing_ = true;
                 nextDisplayAttemptMs_ = nowMonotonic + options_.displayRetryMs;
@@ -122,7 +125,7 @@ class Agent {
         if (!desktop_) return std::nullopt;
         auto snapshot = desktop_->sample(nowMonotonic);
         if (!snapshot) {
-            say("lost the connection to the X display; recording nothing until it is back");
+            say("lost the connection to the desktop; recording nothing until it is back");
             desktop_.reset();
             displayMissing_ = true;
             nextDisplayAttemptMs_ = nowMonotonic + std::min<int64_t>(options_.displayRetryMs, 2000);
@@ -130,10 +133,34 @@ class Agent {
         return snapshot;
     }
 
+    // The reader the session calls for; on a Wayland desktop whose reader cannot start, the X11
+    // reader sees what runs through XWayland, and says so.
+    std::unique_ptr<DesktopSession> openDesktop() {
+        const DesktopKind kind = desktopKindFor(options_.environment);
+        if (kind != DesktopKind::x11) {
+            if (auto session = DesktopSession::open(kind, options_.environment, options_.display)) return session;
+            if (!fallbackSaid_)
+                say("the Wayland reader for this desktop could not start (" + sessionName() +
+                    "); trying the X11 reader");
+            fallbackSaid_ = true;
+            if (displayName().empty()) return nullptr;
+            auto session = DesktopSession::connect(options_.display);
+            if (session)
+                if (const auto notice = waylandNotice(options_.environment)) say(*notice);
+            return session;
+        }
+        return DesktopSession::connect(options_.display);
+    }
+
+    std::string sessionName() const {
+        if (desktopKindFor(options_.environment) == DesktopKind::x11) return "X display \"" + displayName() + "\"";
+        return "Wayland display \"" + lookup(options_.environment, "WAYLAND_DISPLAY").value_or("wayland-0") +
+               "\", desktop \"" + lookup(options_.environment, "XDG_CURRENT_DESKTOP").value_or("") + "\"";
+    }
+
     std::string displayName() const {
         if (!options_.display.empty()) return options_.display;
-        const char* env = std::getenv("DISPLAY");
-        return env ? env : "";
+        return lookup(options_.environment, "DISPLAY").value_or("");
     }
 
     const CaptureOptions& options_;
@@ -150,6 +177,8 @@ class Agent {
     bool rootMissing_ = false;
     bool displayMissing_ = false;
     bool pausedSaid_ = false;
+    bool fallbackSaid_ = false;
+    std::string lastReader_;
 };
 
 }  // namespace

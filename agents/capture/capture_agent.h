@@ -17,6 +17,8 @@ namespace aimwise {
 
 struct CaptureOptions {
     std::string display;  // empty: $DISPLAY
+    // The session's variables that choose the desktop reader (WAYLAND_DISPLAY, XDG_CURRENT_DESKTOP).
+    Environment environment;
     int64_t intervalMs = 1500;
     int64_t rootRetryMs = 60'000;
     int64_t displayRetryMs = 10'000;
@@ -32,7 +34,8 @@ struct CaptureOptions {
 // `once` could not sample.
 int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop, const Clock& clock);
 
-// A note for standard error when the session is Wayland, where only XWayland windows are seen.
+// A note for standard error when a Wayland session is read through X11, where only XWayland windows
+// are seen.
 std::optional<std::string> waylandNotice(const Environment& environment);
 
 }  // namespace aimwise

@@ -1,4 +1,4 @@
-// aimwise-capture: the long-running capture agent of an X11 desktop.
+// aimwise-capture: the long-running capture agent of an X11 or Wayland desktop.
 #include <signal.h>
 #include <unistd.h>
 
@@ -12,6 +12,7 @@
 #include "CaptureShared/dataroot/agent_logging.h"
 #include "CaptureShared/dataroot/agent_umask.h"
 #include "agents/capture/capture_agent.h"
+#include "platform/desktop_session.h"
 
 namespace {
 
@@ -63,8 +64,9 @@ int main(int argc, char** argv) {
     AgentLogging::bootstrap("AimwiseCapture", "capture", 8u << 20, 300.0);
 
     const Environment environment = processEnvironment();
-    if (const auto notice = waylandNotice(environment)) std::fprintf(stderr, "aimwise-capture: %s\n", notice->c_str());
-    if (options.display.empty() && lookup(environment, "DISPLAY").value_or("").empty()) {
+    options.environment = environment;
+    if (desktopKindFor(environment) == DesktopKind::x11 && options.display.empty() &&
+        lookup(environment, "DISPLAY").value_or("").empty()) {
         // The service manager restarts the agent, and a restart picks up a DISPLAY that the
         // desktop session imported in the meantime.
         std::fputs("aimwise-capture: no X display: DISPLAY is not set. A desktop session usually hands it to "

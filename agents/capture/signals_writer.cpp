@@ -71,9 +71,12 @@ void SignalsWriter::write(const TickRecord& r) {
         params.reserve(count * windowColumns);
         for (size_t i = start; i < start + count; ++i) {
             const DesktopWindow& w = r.windows[i];
+            const auto place = [&](double value) {
+                return w.geometryKnown ? SQLParam(value) : SQLParam(std::optional<double>());
+            };
             for (SQLParam p : {SQLParam(r.tsMs), SQLParam(nonEmpty(w.ownerName)), SQLParam(w.pid),
-                               SQLParam(w.title), SQLParam(w.layer), SQLParam(w.x), SQLParam(w.y),
-                               SQLParam(w.width), SQLParam(w.height), SQLParam(w.fullscreen)})
+                               SQLParam(w.title), SQLParam(w.layer), place(w.x), place(w.y),
+                               place(w.width), place(w.height), SQLParam(w.fullscreen)})
                 params.push_back(std::move(p));
         }
         db_.insert(insertWindows(count), params);

@@ -9,13 +9,16 @@ TickRecord buildTickRecord(int64_t tsMs, const DesktopSnapshot& snapshot, const 
                            const std::optional<std::string>& declaredTask) {
     TickRecord record;
     record.tsMs = tsMs;
-    if (idle) {
+    if (idle) record.idleAnySec = idle->anySec;
+    // Without the pointer's position keyboard and pointer input cannot be told apart.
+    if (idle && snapshot.pointerKnown) {
         record.idleKeySec = idle->keySec;
         record.idleMouseSec = idle->mouseSec;
-        record.idleAnySec = idle->anySec;
     }
-    record.mouseX = snapshot.pointerX;
-    record.mouseY = snapshot.pointerY;
+    if (snapshot.pointerKnown) {
+        record.mouseX = snapshot.pointerX;
+        record.mouseY = snapshot.pointerY;
+    }
     record.screensaverActive = snapshot.screensaverActive;
     record.screenLocked = lockedHint.value_or(snapshot.screensaverActive);
     record.power = power;

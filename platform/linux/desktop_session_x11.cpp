@@ -367,6 +367,12 @@ struct X11DesktopSession final : DesktopSession {
 
     bool lost() const override { return connectionLost; }
 
+    std::string describe() const override {
+        std::string text = "reading the X11 desktop (window manager hints, WM_CLASS as the app identity)";
+        if (!screenSaverExtension) text += "; the X server has no screen saver extension, so idle time is not recorded";
+        return text;
+    }
+
     std::optional<DesktopSnapshot> sample(int64_t now) override {
         if (connectionLost) return std::nullopt;
         drainEvents();

@@ -7,6 +7,8 @@
 #include <fmt/format.h>
 
 #include "platform/bounded_process.h"
+#include "CaptureShared/common/environment.h"
+#include "platform/linux/screenshot_capture_wayland.h"
 #include "platform/screenshot_capture.h"
 
 namespace aimwise::ScreenshotCapture {
@@ -36,15 +38,21 @@ ScreenRect visiblePart(ScreenRect rect) {
     return rect;
 }
 
-std::vector<std::string> arguments(const Tool& tool, const ScreenRect& rect, const std::filesystem::path& to) {
-    if (tool.name == "maim") return {"--hidecursor", "--format=png", "--geometry=" + geometry(rect), to.string()};
-    return {"-silent", "-window", "root", "-crop", geometry(rect), "+repage", "png:" + to.string()};
+std::vector<std::string> arguments(const Tool& tool, const std::optional<ScreenRect>& rect,
+                                   const std::filesystem::path& to) {
+    if (!rect && tool.name == "maim") return {"--hidecursor", "--format=png", to.string()};
+    if (!rect) return {"-silent", "-window", "root", "png:" + to.string()};
+    if (tool.name == "maim") return {"--hidecursor", "--format=png", "--geometry=" + geometry(*rect), to.string()};
+    return {"-silent", "-window", "root", "-crop", geometry(*rect), "+repage", "png:" + to.string()};
 }
 
 bool nonEmptyFile(const std::filesystem::path& path) {
     struct stat st {};
     return ::stat(path.c_str(), &st) == 0 && S_ISREG(st.st_mode) && st.st_size > 0;
 }
+
+Result runTool(const Tool& tool, const std::optional<ScreenRect>& rect, const std::filesystem::path& destination,
+               double timeoutSec);
 
 }  // namespace
 
@@ -54,6 +62,8 @@ std::string toolDescription() {
 }
 
 Result captureRect(const ScreenRect& requested, const std::filesystem::path& destination, double timeoutSec) {
+    if (const DesktopKind kind = desktopKindFor(processEnvironment()); kind != DesktopKind::x11)
+        return captureOnWayland(kind, visiblePart(requested), destination, timeoutSec);
     const ScreenRect rect = visiblePart(requested);
     const char* display = std::getenv("DISPLAY");
     if (!display || !*display) return Failed{"no X display to capture (DISPLAY is not set)"};
@@ -62,11 +72,28 @@ Result captureRect(const ScreenRect& requested, const std::filesystem::path& des
     const std::optional<Tool> tool = findTool();
     if (!tool) return Failed{"no screenshot tool: install maim or ImageMagick"};
 
-    const BoundedProcess::Outcome outcome = BoundedProcess::run(tool->path, arguments(*tool, rect, destination), timeoutSec);
+    return runTool(*tool, rect, destination, timeoutSec);
+}
+
+Result captureScreen(const std::filesystem::path& destination, double timeoutSec) {
+    if (const DesktopKind kind = desktopKindFor(processEnvironment()); kind != DesktopKind::x11)
+        return captureOnWayland(kind, std::nullopt, destination, timeoutSec);
+    const char* display = std::getenv("DISPLAY");
+    if (!display || !*display) return Failed{"no X display to capture (DISPLAY is not set)"};
+    const std::optional<Tool> tool = findTool();
+    if (!tool) return Failed{"no screenshot tool: install maim or ImageMagick"};
+    return runTool(*tool, std::nullopt, destination, timeoutSec);
+}
+
+namespace {
+
+Result runTool(const Tool& tool, const std::optional<ScreenRect>& rect, const std::filesystem::path& destination,
+               double timeoutSec) {
+    const BoundedProcess::Outcome outcome = BoundedProcess::run(tool.path, arguments(tool, rect, destination), timeoutSec);
     if (std::holds_alternative<BoundedProcess::TimedOut>(outcome)) return TimedOut{timeoutSec};
     const auto* finished = std::get_if<BoundedProcess::Finished>(&outcome);
     if (!finished || !finished->succeeded()) {
-        std::string reason = fmt::format("{} failed ({})", tool->name, BoundedProcess::describe(outcome));
+        std::string reason = fmt::format("{} failed ({})", tool.name, BoundedProcess::describe(outcome));
         if (finished) {
             const std::string& said = finished->standardError;
             const std::string firstLine = said.substr(0, std::min(said.find('\n'), size_t{200}));
@@ -74,8 +101,10 @@ Result captureRect(const ScreenRect& requested, const std::filesystem::path& des
         }
         return Failed{reason};
     }
-    if (!nonEmptyFile(destination)) return Failed{tool->name + " exited 0 but wrote no image"};
+    if (!nonEmptyFile(destination)) return Failed{tool.name + " exited 0 but wrote no image"};
     return Captured{};
 }
+
+}  // namespace
 
 }  // namespace aimwise::ScreenshotCapture
