@@ -14,7 +14,7 @@
 #include "CaptureShared/dataroot/data_paths.h"
 #include "CaptureShared/staleness/small_json_file.h"
 #include "CaptureShared/video/ffmpeg_child.h"
-#include "agents/capture/capture_agent.h"
+#include "agents/capture/wayland_notice.h"
 #include "agents/capture/recorder.h"
 #include "agents/capture/recording_gate.h"
 #include "agents/capture/recording_retention.h"

@@ -12,6 +12,7 @@
 #include "agents/capture/recorder.h"
 #include "agents/capture/signals_writer.h"
 #include "agents/capture/tick_record.h"
+#include "agents/capture/wayland_notice.h"
 #include "platform/desktop_session.h"
 
 namespace aimwise {
@@ -182,17 +183,6 @@ class Agent {
 };
 
 }  // namespace
-
-std::optional<std::string> waylandNotice(const Environment& environment) {
-    const bool wayland = lookup(environment, "XDG_SESSION_TYPE") == "wayland" ||
-                         !lookup(environment, "WAYLAND_DISPLAY").value_or("").empty();
-    if (!wayland) return std::nullopt;
-    return "this is a Wayland session: only applications running through XWayland are visible. Their "
-           "windows, "
-           "titles and the front window among them are recorded; native Wayland windows are not, and idle "
-           "time "
-           "counts only input that XWayland sees.";
-}
 
 int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop, const Clock& clock) {
     Agent agent(options, clock);

@@ -34,8 +34,4 @@ struct CaptureOptions {
 // `once` could not sample.
 int runCaptureAgent(const CaptureOptions& options, const std::atomic<bool>& stop, const Clock& clock);
 
-// A note for standard error when a Wayland session is read through X11, where only XWayland windows
-// are seen.
-std::optional<std::string> waylandNotice(const Environment& environment);
-
 }  // namespace aimwise

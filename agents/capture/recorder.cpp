@@ -21,7 +21,7 @@
 #include "CaptureShared/staleness/small_json_file.h"
 #include "CaptureShared/video/ffmpeg_child.h"
 #include "CaptureShared/video/sealed_recording.h"
-#include "agents/capture/capture_agent.h"
+#include "agents/capture/wayland_notice.h"
 #include "agents/capture/recording_file.h"
 #include "agents/capture/recording_gate.h"
 #include "agents/capture/recording_retention.h"

@@ -6,6 +6,7 @@
 
 #include "CaptureShared/signals/signals_reader.h"
 #include "agents/capture/capture_agent.h"
+#include "agents/capture/wayland_notice.h"
 #include "agents/tests/agent_test_support.h"
 #include "tests/support/run_process.h"
 #include "tests/support/x_display.h"
