@@ -298,7 +298,7 @@ Parts readWindowContent(const Target& target, const Config& config, HTTPSession&
     std::string text;
     TextSource source = TextSource::none;
     if (!target.appName.empty()) {
-        const WindowText::Result accessible = WindowText::readActive();
+        const WindowText::Result accessible = WindowText::readActive(config.accessibilityBudgetMs);
         if (const auto* read = std::get_if<WindowText::Read>(&accessible)) {
             if (accessibleTextBelongsTo(*read, target) && !trimmedBlanks(read->text).empty()) {
                 text = read->text;

@@ -83,6 +83,8 @@ struct Config {
     std::string describePrompt;
     EndpointURL endpoint;
     int describeNumPredict = 150;
+    // How long the walk of the front window's accessible text may take before OCR reads it instead.
+    int accessibilityBudgetMs = WindowText::defaultBudgetMs;
 
     // The classifier's model and endpoint and the default prompt. Throws LocalInferenceEndpoint::ResolutionError.
     static Config tickDefault();
