@@ -265,9 +265,13 @@ std::optional<Bounds> frontmostWindowBounds(const SignalsReader& signals) {
     return Bounds{window->x, window->y, window->width, window->height};
 }
 
-Screenshot captureWindowStamped(const Bounds& bounds, double timeoutSec) {
+namespace {
+
+// A screenshot stamped with the time it was asked for; a capture that timed out or failed throws.
+template <typename Capture>
+Screenshot stamped(double timeoutSec, Capture&& capture) {
     Screenshot screenshot = Screenshot::reserve(wallClockMs());
-    const ScreenshotCapture::Result result = ScreenshotCapture::captureRect(bounds, screenshot.path(), timeoutSec);
+    const ScreenshotCapture::Result result = capture(screenshot.path());
     if (std::holds_alternative<ScreenshotCapture::TimedOut>(result)) {
         writeStandardError(fmt::format("screenshot timed out after {:g}s — killing it and judging without a screenshot\n",
                                        timeoutSec));
@@ -277,16 +281,17 @@ Screenshot captureWindowStamped(const Bounds& bounds, double timeoutSec) {
     return screenshot;
 }
 
+}  // namespace
+
+Screenshot captureWindowStamped(const Bounds& bounds, double timeoutSec) {
+    return stamped(timeoutSec, [&](const std::filesystem::path& path) {
+        return ScreenshotCapture::captureRect(bounds, path, timeoutSec);
+    });
+}
+
 Screenshot captureScreenStamped(double timeoutSec) {
-    Screenshot screenshot = Screenshot::reserve(wallClockMs());
-    const ScreenshotCapture::Result result = ScreenshotCapture::captureScreen(screenshot.path(), timeoutSec);
-    if (std::holds_alternative<ScreenshotCapture::TimedOut>(result)) {
-        writeStandardError(fmt::format("screenshot timed out after {:g}s — killing it and judging without a screenshot\n",
-                                       timeoutSec));
-        throw CaptureError(fmt::format("screenshot timed out after {:g}s", timeoutSec));
-    }
-    if (const auto* failed = std::get_if<ScreenshotCapture::Failed>(&result)) throw CaptureError(failed->reason);
-    return screenshot;
+    return stamped(timeoutSec,
+                   [&](const std::filesystem::path& path) { return ScreenshotCapture::captureScreen(path, timeoutSec); });
 }
 
 Parts readWindowContent(const Bounds& bounds, const Config& config, HTTPSession& session) {
