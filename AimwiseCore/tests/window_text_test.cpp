@@ -82,11 +82,15 @@ protected:
     }
     // The newest tick names the GTK window's process as the front window's owner.
     void front(int64_t pid) { LiveWindowContent::front("Gtk_text_window.py", "Budget - Editor", pid); }
-    // The window registers with the accessibility bus a moment after it is shown.
+    // The window registers with the accessibility bus a moment after it is shown, and the bus, started
+    // on demand, may still be settling after its first answer: wait for two answers in a row.
     bool published() {
-        for (int i = 0; i < 100 && !std::holds_alternative<WindowText::Read>(WindowText::readActive(1000)); ++i)
+        for (int i = 0, inRow = 0; i < 100; ++i) {
+            inRow = std::holds_alternative<WindowText::Read>(WindowText::readActive(1000)) ? inRow + 1 : 0;
+            if (inRow == 2) return true;
             std::this_thread::sleep_for(std::chrono::milliseconds(100));
-        return std::holds_alternative<WindowText::Read>(WindowText::readActive(1000));
+        }
+        return false;
     }
 
     std::optional<XvfbDisplay> display_;
