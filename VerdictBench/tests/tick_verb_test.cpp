@@ -271,7 +271,7 @@ TEST_F(TickTest, FailuresLeaveTheCadenceAloneAndLogNothing) {
     };
     const std::vector<Row> rows{
         {"unreadable signals", [&] { fs::create_directories(root()); },
-         is("FAIL: openFailed(\"unable to open database file\")\n")},
+         [&](const std::string& error) { EXPECT_EQ(error, "FAIL: " + testing::missingSignals(root() / "signals.sqlite") + "\n"); }},
         {"no rows", [&] { signals(); }, is("no signal data available (volume unmounted or DB empty) — skipping\n")},
         {"model not downloaded",
          [&] {
