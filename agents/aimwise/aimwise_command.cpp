@@ -16,10 +16,13 @@
 #include "AimwiseCore/models/local_inference_endpoint.h"
 #include "AimwiseCore/models/local_model_store.h"
 #include "AimwiseCore/models/model_backend_error.h"
+#include "AimwiseCore/privacy/safe_text.h"
+#include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/environment.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/agent_config.h"
 #include "CaptureShared/dataroot/data_paths.h"
+#include "CaptureShared/dataroot/manifest.h"
 #include "CaptureShared/dataroot/model_provisioning.h"
 #include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/staleness/recording_pause.h"
@@ -52,6 +55,7 @@ const char* const usageText =
 namespace {
 
 constexpr const char* processName = "aimwise";
+constexpr size_t verdictTailBytes = 64 * 1024;
 
 int usage(const std::string& message) {
     std::fprintf(stderr, "aimwise: %s\n%s", message.c_str(), usageText);
@@ -63,7 +67,8 @@ int failed(const std::string& message) {
     return 1;
 }
 
-void line(const std::string& text) { std::printf("%s\n", text.c_str()); }
+// Everything shown may hold a window title or a model's words: escaped, so it cannot drive the terminal.
+void line(const std::string& text) { std::printf("%s\n", escapedForTerminal(text).c_str()); }
 
 std::optional<double> positiveNumber(const std::string& text) {
     double value = 0;
@@ -92,22 +97,34 @@ std::string summarised(const std::string& body) {
     return "\"" + task + "\"" + (notes.empty() ? "" : " (" + join(notes, "; ") + ")");
 }
 
+bool landed(const TaskRequest& request, const std::optional<std::string>& body) {
+    if (!body) return false;
+    if (std::holds_alternative<TaskClear>(request)) return body->empty();
+    return body->starts_with("Task: " + std::get<TaskDeclaration>(request).task + "\n");
+}
+
 int runTask(const std::vector<std::string>& arguments, const Clock& clock) {
     const TaskRequest request = parseTask(arguments);
     if (const auto* error = std::get_if<UsageError>(&request)) return usage(error->message);
     if (const auto problem = FirstRun::dataRootProblem()) return failed("nothing was recorded: " + *problem + ".");
+    const fs::path log = DataPaths::eventsLog();
     try {
-        EventLogWriter::append(taskEvent(request, clock.wallMs()), DataPaths::eventsLog(), processName);
+        EventLogWriter::append(taskEvent(request, clock.wallMs()), log, processName);
+    } catch (const EventLogWriterError& error) {
+        if (error.kind == EventLogWriterError::Kind::dataRootEmpty) return failed(error.description() + ".");
+        return failed("the declaration did not land: it could not be written to " + log.string() + " (" +
+                      error.description() + "). Nothing changed; free some space on that disk and try again.");
     } catch (const std::exception& error) {
-        return failed("could not append to " + DataPaths::eventsLog().string() + ": " + error.what());
+        return failed("the declaration did not land: it could not be written to " + log.string() + " (" +
+                      error.what() + "). Nothing changed.");
     }
-    if (std::holds_alternative<TaskClear>(request)) {
-        line("Cleared the declared task.");
-    } else {
-        const auto body = EventLog::read();
-        line("Declared " + (body && !body->empty() ? summarised(*body) : std::get<TaskDeclaration>(request).task) +
-             ".");
-    }
+    // What the coach and the capture agent will read, read back the same way.
+    const auto body = EventLog::read();
+    if (!landed(request, body))
+        return failed("the declaration did not land: it was written to " + log.string() +
+                      " but does not read back as the newest one, so it did not take effect. Try again; if this "
+                      "repeats, the file may be damaged.");
+    line(std::holds_alternative<TaskClear>(request) ? "Cleared the declared task." : "Declared " + summarised(*body) + ".");
     return 0;
 }
 
@@ -151,7 +168,8 @@ std::string signalsLine(int64_t now) {
 std::vector<std::string> verdictLines() {
     std::vector<ClassifierTick> ticks;
     try {
-        ticks = ClassifierLogReader::read(DataPaths::classifierLog());
+        // The newest verdict is in the last few lines of a log that grows all day.
+        ticks = ClassifierLogReader::parse(readFileTail(DataPaths::classifierLog(), verdictTailBytes));
     } catch (const std::exception&) {
         return {"Verdict: none yet"};
     }
@@ -159,7 +177,8 @@ std::vector<std::string> verdictLines() {
     const ClassifierTick& newest = ticks.back();
     std::vector<std::string> lines{"Verdict: " + newest.state.value_or("(no state)") + " at " + newest.at +
                                    (newest.frontmostApp ? " in " + *newest.frontmostApp : "")};
-    if (newest.reason) lines.push_back("  reason: " + *newest.reason);
+    // Rows from before reasons were cleaned for the log are shown cleaned too.
+    if (newest.reason) lines.push_back("  reason: " + SafeText::cleanReason(*newest.reason).text);
     return lines;
 }
 
@@ -186,7 +205,7 @@ fs::path askForRoot() {
     return answer.empty() ? suggested : DataPaths::expandTilde(answer);
 }
 
-int runInit(const std::vector<std::string>& arguments) {
+int runInit(const std::vector<std::string>& arguments, const Clock& clock) {
     if (arguments.size() > 1) return usage("init takes at most one path");
     fs::path root = arguments.empty() ? askForRoot() : DataPaths::expandTilde(arguments.front());
     std::error_code error;
@@ -196,6 +215,8 @@ int runInit(const std::vector<std::string>& arguments) {
     if (error) return failed("could not create " + root.string() + ": " + error.message());
     DataPaths::hardenAdoptedRoot(root, DataPaths::homeDirectory());
     try {
+        // The mark of a prepared root: the capture agent starts signals.sqlite only beside it.
+        if (!fs::exists(root / "manifest.json", error)) Manifest::make(root.string(), 0, 0, 0, clock.wallMs()).write(root);
         DataPaths::setConfiguredRoot(root);
         const auto added = AgentConfig::seedDefaultEnvIfAbsent(std::nullopt, ModelProvisioning::physicalMemoryBytes());
         line("Data root: " + root.string());
@@ -271,7 +292,9 @@ EventLogEvent taskEvent(const TaskRequest& request, int64_t nowMs) {
     return event;
 }
 
-int run(const std::vector<std::string>& arguments, const Clock& clock) {
+namespace {
+
+int dispatch(const std::vector<std::string>& arguments, const Clock& clock) {
     if (arguments.empty()) return usage("no command given");
     const std::string& command = arguments.front();
     const std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
@@ -282,7 +305,7 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "task") return runTask(rest, clock);
     if (command == "models") return ModelsVerb::run(rest);
     if (command == "status") return rest.empty() ? runStatus(clock) : usage("status takes no arguments");
-    if (command == "init") return runInit(rest);
+    if (command == "init") return runInit(rest, clock);
     if (command == "memory") return MemoryVerb::run(rest);
     if (command == "label") return LabelVerb::run(rest);
     if (command == "model") return ModelVerb::run(rest, Clock::system());
@@ -296,6 +319,19 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "uninstall-services") return rest.empty() ? UserServices::uninstall(processEnvironment())
                                                              : usage("uninstall-services takes no arguments");
     return usage("unknown command \"" + command + "\"");
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& arguments, const Clock& clock) {
+    // The one catch boundary: a bad setting or a failing file ends a command with a sentence, never an abort.
+    try {
+        return dispatch(arguments, clock);
+    } catch (const Error& error) {
+        return failed(error.description());
+    } catch (const std::exception& error) {
+        return failed(error.what());
+    }
 }
 
 }  // namespace aimwise::AimwiseCommand
