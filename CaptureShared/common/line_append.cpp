@@ -10,7 +10,8 @@
 namespace aimwise::LineAppend {
 
 Result append(const std::filesystem::path& file, std::string_view line, mode_t mode) {
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
+    // Read as well as write: the last byte tells whether the file ends in a cut line.
+    const int fd = ::open(file.c_str(), O_RDWR | O_CREAT | O_APPEND | O_CLOEXEC | O_NONBLOCK | O_NOCTTY, mode);
     if (fd < 0) return {Failure::openFailed, errno, static_cast<int64_t>(line.size()), 0};
     struct stat info {};
     const bool attributes = ::fstat(fd, &info) == 0;
