@@ -247,6 +247,9 @@ Gate stateGate(TickRun& run) {
     run.partial = ClassifierService::buildStateWithoutPresence(*run.signals, run.events ? &*run.events : nullptr,
                                                                run.signalsPath, std::nullopt, run.session);
     if (!run.partial) throw cli::Failure("no signal data available (volume unmounted or DB empty) — skipping");
+    // Cleaned before the cadence compares a title with the one it kept, which was kept cleaned; the
+    // model and every record of the verdict see the same text.
+    run.partial->state = cli::withTitlesCleaned(std::move(run.partial->state));
     run.state = run.partial->state;
     // The decision time: the estimate call above may have taken a while.
     run.cadence = Cadence::read(DataPaths::classifierCadence());
@@ -332,8 +335,6 @@ struct Judgment {
 
 // A failed model call throws from here, before anything is recorded.
 Judgment judge(TickRun& run) {
-    // What the verdict's records keep of the titles, and what the model sees: the same cleaned text.
-    run.state = cli::withTitlesCleaned(std::move(*run.state));
     Judgment judgment;
     judgment.startMs = run.clock.wallMs();
     judgment.before = run.platform.batteryTelemetry();

@@ -208,6 +208,60 @@ TEST_F(TickTest, ANewWindowTitleIsJudgedAndAdvancesTheCadence) {
     EXPECT_EQ(lines(checkerLog()).size(), 1u);
 }
 
+// A row kept before the capture agent cleaned titles: the model, the records of the verdict and
+// the printout see the title cleaned, and the same screen on the next wake is no news.
+TEST_F(TickTest, ACardNumberInAnOlderRowIsKeptAndShownOnlyCleaned) {
+    freshRow("Editor", "pay 4111 1111 1111 1111.txt");
+    reply(R"({"state": "ON_TASK", "confidence": 0.8, "reason": "Paying with 4111 1111 1111 1111."})");
+    const auto result = run();
+    ASSERT_EQ(result.exitStatus, 0) << result.standardError;
+    EXPECT_EQ(Cadence::read(cadencePath())->lastWindowTitle, "pay [redacted card number].txt");
+    std::vector<std::pair<std::string, std::string>> seen{{"stdout", result.standardOutput},
+                                                          {"stderr", result.standardError}};
+    for (const auto& request : server.requests(chatPath)) seen.emplace_back("prompt", request.body);
+    for (const auto& entry : fs::recursive_directory_iterator(root()))
+        if (entry.is_regular_file() && !entry.path().filename().string().starts_with("signals.sqlite"))
+            seen.emplace_back(entry.path().string(), testing::readFile(entry.path()));
+    for (const auto& [where, text] : seen) EXPECT_EQ(text.find("1111 1111 1111"), std::string::npos) << where;
+    EXPECT_EQ(run().exitStatus, 0);
+    EXPECT_EQ(lines(checkerLog()).size(), 1u) << "the cleaned title compares equal to the kept one";
+}
+
+TEST_F(TickTest, AVerdictThatCouldNotBeWrittenIsSaidAndTheCadenceMovesOn) {
+    freshRow();
+    fs::create_directories(checkerLog());
+    reply(R"({"state": "ON_TASK", "confidence": 0.8, "reason": "Notes."})");
+    const auto result = run();
+    EXPECT_EQ(result.exitStatus, 0);
+    EXPECT_NE(result.standardError.find("this verdict could not be written to " + checkerLog().string() +
+                                        ": Is a directory. It was made and the cadence moves on, but the coach will "
+                                        "not see it.\n"),
+              std::string::npos)
+        << result.standardError;
+    EXPECT_EQ(Cadence::read(cadencePath())->lastVerdict, "ON_TASK");
+}
+
+// Before its watchdog is armed the tick reads its settings; nothing in their place may hold it.
+TEST_F(TickTest, PipesAndDevicesInPlaceOfItsFilesEndTheTickPromptly) {
+    freshRow();
+    reply(R"({"state": "ON_TASK", "confidence": 0.8, "reason": "Notes."})");
+    fs::create_directories(supportDir());
+    fs::create_directories(root() / "io-layer");
+    ASSERT_EQ(::mkfifo((supportDir() / "config.json").c_str(), 0600), 0);
+    ASSERT_EQ(::mkfifo((root() / "io-layer/events.jsonl").c_str(), 0600), 0);
+    fs::create_symlink("/dev/zero", cadencePath());
+    const auto started = std::chrono::steady_clock::now();
+    const auto result = runBinary();
+    EXPECT_LT(std::chrono::steady_clock::now() - started, std::chrono::seconds(3));
+    EXPECT_EQ(result.exitStatus, 0) << result.standardError;
+    for (const std::string& said : {(supportDir() / "config.json").string() + " is a named pipe",
+                                   (root() / "io-layer/events.jsonl").string() + " is a named pipe",
+                                   cadencePath().string() + " is a device"})
+        EXPECT_NE(result.standardError.find(said + ", not a regular file; it was not read and counts as unreadable\n"),
+                  std::string::npos)
+            << result.standardError;
+}
+
 TEST_F(TickTest, AConfirmedStaleReadingWritesTheNoteAndSkipsWithAHeartbeat) {
     const int64_t row = now() - 600'000;
     signals().tick({.tsMs = row, .frontmostApp = "Editor"});
