@@ -1,6 +1,8 @@
 #include "CaptureShared/signals/signals_reader.h"
 
 #include <gtest/gtest.h>
+
+#include <limits>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -214,6 +216,10 @@ TEST(SignalsReaderPresenceGap, AnAbsenceReachingPastTheWindowOrTheRowsExceedsIt)
     // The limit ends the walk the same way.
     EXPECT_EQ(walk({appTick(t0 - 20 * minute, "A"), appTick(t0 - 10 * minute, "A", 400.0), appTick(t0 - minute, "A")}, 2),
               exceeds);
+    // A row dated at the far end of the range by a damaged file breaks the run; nothing overflows.
+    const int64_t farPast = std::numeric_limits<int64_t>::min();
+    EXPECT_EQ(walk({appTick(farPast, "A"), appTick(t0 - minute, "A")}), gap(farPast, t0 - minute));
+    EXPECT_EQ(walk({appTick(farPast, "A", 999.0), appTick(t0 - minute, "A")}), exceeds);
 }
 
 void expectReaderError(const std::function<void()>& action, const std::string& description) {
