@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include "AimwiseCore/classifier/cadence.h"
@@ -103,6 +106,22 @@ bool landed(const TaskRequest& request, const std::optional<std::string>& body) 
     return body->starts_with("Task: " + std::get<TaskDeclaration>(request).task + "\n");
 }
 
+std::string appendProblem(const EventLogWriterError& error) {
+    using Kind = EventLogWriterError::Kind;
+    if (error.kind == Kind::shortWrite)
+        return "only " + std::to_string(std::max<int64_t>(error.actual, 0)) + " of " + std::to_string(error.expected) +
+               " bytes were written, so the disk is probably full; free some space and try again";
+    if (error.kind != Kind::openFailed) return error.description();
+    switch (error.error) {
+        case ENOSPC: return "the disk is full; free some space and try again";
+        case EACCES: case EPERM: case EROFS:
+            return std::string(std::strerror(error.error)) + "; check that the data root is writable";
+        case EINVAL: case ENXIO: case EISDIR:
+            return "it is not a regular file; move it aside and try again";
+        default: return std::strerror(error.error);
+    }
+}
+
 int runTask(const std::vector<std::string>& arguments, const Clock& clock) {
     const TaskRequest request = parseTask(arguments);
     if (const auto* error = std::get_if<UsageError>(&request)) return usage(error->message);
@@ -113,7 +132,7 @@ int runTask(const std::vector<std::string>& arguments, const Clock& clock) {
     } catch (const EventLogWriterError& error) {
         if (error.kind == EventLogWriterError::Kind::dataRootEmpty) return failed(error.description() + ".");
         return failed("the declaration did not land: it could not be written to " + log.string() + " (" +
-                      error.description() + "). Nothing changed; free some space on that disk and try again.");
+                      appendProblem(error) + "). Nothing changed.");
     } catch (const std::exception& error) {
         return failed("the declaration did not land: it could not be written to " + log.string() + " (" +
                       error.what() + "). Nothing changed.");

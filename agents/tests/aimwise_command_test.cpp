@@ -2,7 +2,12 @@
 // setting up a data root; the status lines.
 #include "agents/aimwise/aimwise_command.h"
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+#include <unistd.h>
+
+#include <regex>
 
 #include "AimwiseCore/events/classifier_tick.h"
 #include "AimwiseCore/events/event_log.h"
@@ -105,6 +110,79 @@ TEST_F(AimwiseWithAgentTest, NothingIsDeclaredWithoutADataRoot) {
     EXPECT_FALSE(std::filesystem::exists(sandbox.temp / "gone"));
     EXPECT_EQ(aimwise({"task"}).exitStatus, 2);
     EXPECT_EQ(aimwise({"frobnicate"}).exitStatus, 2);
+}
+
+// A small tmpfs over a directory for the length of a test, so that its disk can fill up.
+class SmallDisk {
+public:
+    explicit SmallDisk(std::filesystem::path at) : at_(std::move(at)) {
+        mounted_ = ::mount("tmpfs", at_.c_str(), "tmpfs", 0, "size=64k,mode=0700") == 0;
+    }
+    ~SmallDisk() {
+        if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
+    }
+    bool mounted() const { return mounted_; }
+    void fill() const {
+        const int fd = ::open((at_ / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
+        const std::string block(4096, '\0');
+        while (::write(fd, block.data(), block.size()) > 0) {
+        }
+        ::close(fd);
+    }
+    void drain() const { std::filesystem::remove(at_ / "filler"); }
+
+private:
+    std::filesystem::path at_;
+    bool mounted_ = false;
+};
+
+TEST_F(AimwiseWithAgentTest, OnAFullDiskADeclarationThatDidNotLandSaysSoAndTheNextOneIsWhole) {
+    SmallDisk disk(sandbox.root);
+    if (!disk.mounted()) GTEST_SKIP() << "mounting a small tmpfs is not permitted here, so the full-disk case did not run";
+    writeFile(sandbox.root / "manifest.json", "{}\n");
+    ASSERT_EQ(aimwise({"task", "first"}).exitStatus, 0);
+    disk.fill();
+    const auto log = sandbox.root / "io-layer/events.jsonl";
+    const ProcessResult cut = aimwise({"task", std::string(6000, 'x')});
+    EXPECT_EQ(cut.exitStatus, 1);
+    EXPECT_TRUE(std::regex_match(
+        cut.standardError,
+        std::regex("FAIL: the declaration did not land: it could not be written to " + log.string() +
+                   R"( \(only [1-9][0-9]* of 6[0-9]{3} bytes were written, so the disk is probably full; free some )"
+                   R"(space and try again\)\. Nothing changed\.\n)")))
+        << cut.standardError;
+    EXPECT_NE(readFile(log).back(), '\n') << "the line was cut";
+    EXPECT_NE(aimwise({"status"}).standardOutput.find("\nTask: \"first\"\n"), std::string::npos);
+
+    disk.drain();
+    const ProcessResult next = aimwise({"task", "second"});
+    EXPECT_EQ(next.exitStatus, 0) << next.standardError;
+    EXPECT_EQ(next.standardOutput, "Declared \"second\".\n");
+    const auto events = EventLogReader::read(log);
+    ASSERT_EQ(events.size(), 2u) << "the cut line is left behind alone";
+    EXPECT_EQ(events[1].detail.member("task")->stringValue(), "second");
+}
+
+// The mount point of an unmounted disk is an empty directory on the system disk.
+TEST_F(AimwiseWithAgentTest, AnEmptyDirectoryWhereTheRootShouldBeGetsNothing) {
+    std::filesystem::remove(sandbox.root / "manifest.json");
+    const std::string root = sandbox.root.string();
+    const ProcessResult task = aimwise({"task", "anything"});
+    EXPECT_EQ(task.exitStatus, 1);
+    EXPECT_EQ(task.standardError, "FAIL: nothing was written: the data root " + root +
+                                      " holds none of this system's files, as the mount point of a disk that is not "
+                                      "mounted looks. Mount the disk, or run `aimwise init " + root +
+                                      "` to start a new data root there.\n");
+    XvfbDisplay xvfb;
+    const ProcessResult capture =
+        runProcess(capturePath(), {"--once"}, {.environment = sandbox.environment(xvfb.name())});
+    EXPECT_EQ(capture.exitStatus, 1);
+    EXPECT_EQ(capture.standardError, "aimwise-capture: the data root " + root +
+                                         " holds no signals.sqlite and was not prepared by `aimwise init`, as the "
+                                         "mount point of a disk that is not mounted looks; recording nothing until "
+                                         "the disk is mounted or `aimwise init " + root +
+                                         "` prepares it; checking again every 60 s\n");
+    EXPECT_TRUE(std::filesystem::is_empty(sandbox.root));
 }
 
 TEST_F(AimwiseWithAgentTest, InitConfiguresTheRootOnceAndKeepsWhatIsAlreadySet) {
