@@ -5,7 +5,6 @@
 #include <limits>
 
 #include "CaptureShared/common/iso_date.h"
-#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/staleness/capture_removal_intent.h"
 #include "CaptureShared/staleness/signals_stale_note.h"
 
@@ -98,8 +97,7 @@ TEST(ISODate, FormatsUTCAtWholeSecondsAndParsesOnlyInternetDateTimes) {
         EXPECT_EQ(ISODate::parse(ISODate::format(ms)), ms);
 }
 
-// Times read from damaged files at the far ends of the range: answers saturate, nothing overflows
-// (the sanitizer build halts on signed overflow).
+// Far-end times from damaged files saturate (the sanitizer build halts on signed overflow).
 TEST(SignalsStalenessExtremes, FarEndTimesSaturateInsteadOfOverflowing) {
     constexpr int64_t low = std::numeric_limits<int64_t>::min(), high = std::numeric_limits<int64_t>::max();
     EXPECT_EQ(decide(PauseNone{}, low, high, high, threshold, regimeGapSec), Decision{(StaleConfirmed{high, low})});
@@ -112,24 +110,8 @@ TEST(SignalsStalenessExtremes, FarEndTimesSaturateInsteadOfOverflowing) {
               "0001-01-01T00:00:00Z, before the pause began (~2562047788015h12m ago) — not judged; waiting for "
               "Signals to write a current row");
     EXPECT_FALSE(CaptureRemovalIntentStore::isSuperseded({high}, high, 60'000));
-    EXPECT_TRUE(CaptureRemovalIntentStore::isSuperseded({low}, low + 60'001, 60'000));
     EXPECT_FALSE(SignalsStaleNoteStore::isCurrent({0, low}, high));
     EXPECT_FALSE(SignalsStaleNoteStore::isCurrent({0, high}, low));
-
-    const struct {
-        int64_t a, b, sum, difference, product;
-    } arithmetic[] = {{high, 1, high, high - 1, high}, {low, -1, low, low + 1, high},
-                      {low, 1, low + 1, low, low},     {high, -1, high - 1, high, -high},
-                      {-5, 3, -2, -8, -15}};
-    for (const auto& row : arithmetic) {
-        EXPECT_EQ(Saturating::add(row.a, row.b), row.sum) << row.a << " + " << row.b;
-        EXPECT_EQ(Saturating::subtract(row.a, row.b), row.difference) << row.a << " - " << row.b;
-        EXPECT_EQ(Saturating::multiply(row.a, row.b), row.product) << row.a << " * " << row.b;
-    }
-    EXPECT_EQ(Saturating::subtract(0, low), high);
-    EXPECT_EQ(Saturating::fromDouble(1e300), high);
-    EXPECT_EQ(Saturating::fromDouble(-1e300), low);
-    EXPECT_EQ(Saturating::fromDouble(std::numeric_limits<double>::quiet_NaN()), 0);
 }
 
 }  // namespace

@@ -209,20 +209,19 @@ TEST_F(TickTest, ANewWindowTitleIsJudgedAndAdvancesTheCadence) {
 }
 
 // A row kept before the capture agent cleaned titles: the model, the records of the verdict and
-// the printout see the title cleaned, and the same screen on the next wake is no news.
+// the printout see the title cleaned and escaped, and the same screen on the next wake is no news.
 TEST_F(TickTest, ACardNumberInAnOlderRowIsKeptAndShownOnlyCleaned) {
-    freshRow("Editor", "pay 4111 1111 1111 1111.txt");
+    freshRow("Editor", "pay 4111 1111 1111 1111.txt\x1b]0;owned\x07");
     reply(R"({"state": "ON_TASK", "confidence": 0.8, "reason": "Paying with 4111 1111 1111 1111."})");
     const auto result = run();
     ASSERT_EQ(result.exitStatus, 0) << result.standardError;
-    EXPECT_EQ(Cadence::read(cadencePath())->lastWindowTitle, "pay [redacted card number].txt");
-    std::vector<std::pair<std::string, std::string>> seen{{"stdout", result.standardOutput},
-                                                          {"stderr", result.standardError}};
-    for (const auto& request : server.requests(chatPath)) seen.emplace_back("prompt", request.body);
+    EXPECT_EQ(Cadence::read(cadencePath())->lastWindowTitle, "pay [redacted card number].txt]0;owned");
+    EXPECT_EQ(result.standardOutput.find('\x1b'), std::string::npos) << "the terminal is not retitled";
+    std::vector<std::string> seen{result.standardOutput, result.standardError, server.requests(chatPath)[0].body};
     for (const auto& entry : fs::recursive_directory_iterator(root()))
         if (entry.is_regular_file() && !entry.path().filename().string().starts_with("signals.sqlite"))
-            seen.emplace_back(entry.path().string(), testing::readFile(entry.path()));
-    for (const auto& [where, text] : seen) EXPECT_EQ(text.find("1111 1111 1111"), std::string::npos) << where;
+            seen.push_back(entry.path().string() + ": " + testing::readFile(entry.path()));
+    for (const auto& text : seen) EXPECT_EQ(text.find("1111 1111 1111"), std::string::npos) << text;
     EXPECT_EQ(run().exitStatus, 0);
     EXPECT_EQ(lines(checkerLog()).size(), 1u) << "the cleaned title compares equal to the kept one";
 }
@@ -233,11 +232,9 @@ TEST_F(TickTest, AVerdictThatCouldNotBeWrittenIsSaidAndTheCadenceMovesOn) {
     reply(R"({"state": "ON_TASK", "confidence": 0.8, "reason": "Notes."})");
     const auto result = run();
     EXPECT_EQ(result.exitStatus, 0);
-    EXPECT_NE(result.standardError.find("this verdict could not be written to " + checkerLog().string() +
-                                        ": Is a directory. It was made and the cadence moves on, but the coach will "
-                                        "not see it.\n"),
-              std::string::npos)
-        << result.standardError;
+    EXPECT_TRUE(result.standardError.ends_with("this verdict could not be written to " + checkerLog().string() +
+                                               ": Is a directory. It was made and the cadence moves on, but the "
+                                               "coach will not see it.\n")) << result.standardError;
     EXPECT_EQ(Cadence::read(cadencePath())->lastVerdict, "ON_TASK");
 }
 
@@ -245,10 +242,10 @@ TEST_F(TickTest, AVerdictThatCouldNotBeWrittenIsSaidAndTheCadenceMovesOn) {
 TEST_F(TickTest, PipesAndDevicesInPlaceOfItsFilesEndTheTickPromptly) {
     freshRow();
     reply(R"({"state": "ON_TASK", "confidence": 0.8, "reason": "Notes."})");
-    fs::create_directories(supportDir());
-    fs::create_directories(root() / "io-layer");
-    ASSERT_EQ(::mkfifo((supportDir() / "config.json").c_str(), 0600), 0);
-    ASSERT_EQ(::mkfifo((root() / "io-layer/events.jsonl").c_str(), 0600), 0);
+    for (const fs::path& at : {supportDir() / "config.json", root() / "io-layer/events.jsonl"}) {
+        fs::create_directories(at.parent_path());
+        ASSERT_EQ(::mkfifo(at.c_str(), 0600), 0);
+    }
     fs::create_symlink("/dev/zero", cadencePath());
     const auto started = std::chrono::steady_clock::now();
     const auto result = runBinary();

@@ -2,11 +2,10 @@
 // setting up a data root; the status lines.
 #include "agents/aimwise/aimwise_command.h"
 
-#include <fcntl.h>
 #include <gtest/gtest.h>
 #include <sys/mount.h>
-#include <unistd.h>
 
+#include <fstream>
 #include <regex>
 
 #include "AimwiseCore/events/classifier_tick.h"
@@ -112,49 +111,25 @@ TEST_F(AimwiseWithAgentTest, NothingIsDeclaredWithoutADataRoot) {
     EXPECT_EQ(aimwise({"frobnicate"}).exitStatus, 2);
 }
 
-// A small tmpfs over a directory for the length of a test, so that its disk can fill up.
-class SmallDisk {
-public:
-    explicit SmallDisk(std::filesystem::path at) : at_(std::move(at)) {
-        mounted_ = ::mount("tmpfs", at_.c_str(), "tmpfs", 0, "size=64k,mode=0700") == 0;
-    }
-    ~SmallDisk() {
-        if (mounted_) ::umount2(at_.c_str(), MNT_DETACH);
-    }
-    bool mounted() const { return mounted_; }
-    void fill() const {
-        const int fd = ::open((at_ / "filler").c_str(), O_WRONLY | O_CREAT | O_CLOEXEC, 0600);
-        const std::string block(4096, '\0');
-        while (::write(fd, block.data(), block.size()) > 0) {
-        }
-        ::close(fd);
-    }
-    void drain() const { std::filesystem::remove(at_ / "filler"); }
-
-private:
-    std::filesystem::path at_;
-    bool mounted_ = false;
-};
-
 TEST_F(AimwiseWithAgentTest, OnAFullDiskADeclarationThatDidNotLandSaysSoAndTheNextOneIsWhole) {
-    SmallDisk disk(sandbox.root);
-    if (!disk.mounted()) GTEST_SKIP() << "mounting a small tmpfs is not permitted here, so the full-disk case did not run";
+    // A small tmpfs over the data root, unmounted when the test ends.
+    if (::mount("tmpfs", sandbox.root.c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0)
+        GTEST_SKIP() << "mounting a small tmpfs is not permitted here, so the full-disk case did not run";
+    const std::unique_ptr<const char, void (*)(const char*)> mounted(sandbox.root.c_str(),
+                                                                     [](const char* at) { ::umount2(at, MNT_DETACH); });
     writeFile(sandbox.root / "manifest.json", "{}\n");
     ASSERT_EQ(aimwise({"task", "first"}).exitStatus, 0);
-    disk.fill();
+    for (std::ofstream filler(sandbox.root / "filler"); filler.write(std::string(4096, '\0').data(), 4096);) {
+    }
     const auto log = sandbox.root / "io-layer/events.jsonl";
     const ProcessResult cut = aimwise({"task", std::string(6000, 'x')});
     EXPECT_EQ(cut.exitStatus, 1);
-    EXPECT_TRUE(std::regex_match(
-        cut.standardError,
-        std::regex("FAIL: the declaration did not land: it could not be written to " + log.string() +
-                   R"( \(only [1-9][0-9]* of 6[0-9]{3} bytes were written, so the disk is probably full; free some )"
-                   R"(space and try again\)\. Nothing changed\.\n)")))
-        << cut.standardError;
+    EXPECT_TRUE(std::regex_match(cut.standardError, std::regex("FAIL: the declaration did not land: it could not be "
+        "written to " + log.string() + R"( \(only [1-9][0-9]* of 6[0-9]{3} bytes were written, so the disk is probably )"
+        R"(full; free some space and try again\)\. Nothing changed\.\n)"))) << cut.standardError;
     EXPECT_NE(readFile(log).back(), '\n') << "the line was cut";
     EXPECT_NE(aimwise({"status"}).standardOutput.find("\nTask: \"first\"\n"), std::string::npos);
-
-    disk.drain();
+    std::filesystem::remove(sandbox.root / "filler");
     const ProcessResult next = aimwise({"task", "second"});
     EXPECT_EQ(next.exitStatus, 0) << next.standardError;
     EXPECT_EQ(next.standardOutput, "Declared \"second\".\n");
@@ -228,8 +203,8 @@ TEST_F(AimwiseWithAgentTest, StatusShowsTaskVerdictSignalsAndModelInAFewLines) {
     ClassifierTick verdict;
     verdict.at = "2026-11-22 09:00:00";
     verdict.state = "ON_TASK";
-    verdict.reason = "The report is open in the editor.";
-    verdict.frontmostApp = "Code";
+    verdict.reason = "The report is open in the editor, card 4111 1111 1111 1111.";  // a row from before cleaning
+    verdict.frontmostApp = "Code\x1b[2J";
     writeFile(sandbox.root / "checker-log.jsonl", verdict.encoded() + "\n");
     const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
                             std::chrono::system_clock::now().time_since_epoch()).count();
@@ -237,8 +212,8 @@ TEST_F(AimwiseWithAgentTest, StatusShowsTaskVerdictSignalsAndModelInAFewLines) {
 
     const ProcessResult status = aimwise({"status"});
     EXPECT_NE(status.standardOutput.find("\nTask: \"write the report\" (until "), std::string::npos) << status.standardOutput;
-    EXPECT_NE(status.standardOutput.find("\nVerdict: ON_TASK at 2026-11-22 09:00:00 in Code\n  reason: The report is "
-                                         "open in the editor.\n"),
+    EXPECT_NE(status.standardOutput.find("\nVerdict: ON_TASK at 2026-11-22 09:00:00 in Code\\x1b[2J\n  reason: The "
+                                         "report is open in the editor, card [redacted card number].\n"),
               std::string::npos)
         << status.standardOutput;
     EXPECT_NE(status.standardOutput.find("\nSignals: fresh — newest sample 2s ago, front: Code\n"), std::string::npos)

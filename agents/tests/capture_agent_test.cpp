@@ -46,22 +46,16 @@ protected:
 // Titles are cleaned before they are kept; nothing in the data root holds the number afterwards.
 TEST_F(CaptureAgentTest, ACardNumberInATitleNeverReachesTheDisk) {
     TestWindows windows(xvfb.name());
-    const XWindowId shop = windows.create("Navigator", "firefox", "Pay 4111 1111 1111 1111 \u2014 Mozilla Firefox", 0,
-                                          0, 640, 480, 1);
-    const XWindowId notes = windows.create("code", "Code", "card 4111-1111-1111-1111.txt - Code", 0, 0, 400, 300, 2);
-    windows.publishHints({notes, shop}, shop);
+    const XWindowId shop = windows.create("Navigator", "firefox", "Pay 4111 1111 1111 1111 \u2014 Mozilla Firefox", 0, 0, 640, 480);
+    windows.publishHints({windows.create("code", "Code", "card 4111-1111-1111-1111.txt - Code", 0, 0, 400, 300), shop}, shop);
     ASSERT_EQ(captureOnce().exitStatus, 0);
-    EXPECT_EQ(reader().latestTick()->browserTitle, "Pay [redacted card number]");
     EXPECT_EQ(query(sandbox.signals(), "SELECT title FROM windows ORDER BY rowid"),
               (std::vector<Row>{{"Pay [redacted card number] \u2014 Mozilla Firefox"},
                                 {"card [redacted card number].txt - Code"}}));
-    for (const auto& entry : std::filesystem::recursive_directory_iterator(sandbox.root)) {
-        if (!entry.is_regular_file()) continue;
-        std::ifstream in(entry.path(), std::ios::binary);
-        const std::string bytes((std::istreambuf_iterator<char>(in)), {});
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(sandbox.root))
         for (const char* form : {"1111 1111 1111", "1111-1111-1111", "111111111111"})
-            EXPECT_EQ(bytes.find(form), std::string::npos) << entry.path() << " holds " << form;
-    }
+            EXPECT_TRUE(!entry.is_regular_file() || readFile(entry.path()).find(form) == std::string::npos)
+                << entry.path() << " holds " << form;
 }
 
 TEST_F(CaptureAgentTest, OneSampleRecordsTheFrontWindowTheVisibleStackAndIdleTime) {
