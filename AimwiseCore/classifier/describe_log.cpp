@@ -40,7 +40,7 @@ std::vector<Row> read(const std::filesystem::path& path) {
     std::vector<Row> rows;
     std::string data;
     try {
-        data = readWholeFile(path);
+        data = readFileTail(path, ReadLimit::log);
     } catch (const std::exception&) {
         return rows;
     }
