@@ -30,15 +30,15 @@ bool readyForNewSignals(const fs::path& root) {
 
 std::string emptyRootSentence(const fs::path& root) {
     return "nothing was written: the data root " + root.string() +
-           " holds none of this system's files, as the mount point of a disk that is not mounted looks. "
+           " holds none of this system's files, which is how the mount point of an unmounted disk looks. "
            "Mount the disk, or run `aimwise init " +
            root.string() + "` to start a new data root there";
 }
 
 std::string unpreparedRootSentence(const fs::path& root) {
     return "the data root " + root.string() +
-           " holds no signals.sqlite and was not prepared by `aimwise init`, as the mount point of a disk that is "
-           "not mounted looks; recording nothing until the disk is mounted or `aimwise init " +
+           " holds no signals.sqlite and was not prepared by `aimwise init`, which is how the mount point of an "
+           "unmounted disk looks; recording nothing until the disk is mounted or `aimwise init " +
            root.string() + "` prepares it";
 }
 

@@ -145,16 +145,16 @@ TEST_F(AimwiseWithAgentTest, AnEmptyDirectoryWhereTheRootShouldBeGetsNothing) {
     const ProcessResult task = aimwise({"task", "anything"});
     EXPECT_EQ(task.exitStatus, 1);
     EXPECT_EQ(task.standardError, "FAIL: nothing was written: the data root " + root +
-                                      " holds none of this system's files, as the mount point of a disk that is not "
-                                      "mounted looks. Mount the disk, or run `aimwise init " + root +
+                                      " holds none of this system's files, which is how the mount point of an "
+                                      "unmounted disk looks. Mount the disk, or run `aimwise init " + root +
                                       "` to start a new data root there.\n");
     XvfbDisplay xvfb;
     const ProcessResult capture =
         runProcess(capturePath(), {"--once"}, {.environment = sandbox.environment(xvfb.name())});
     EXPECT_EQ(capture.exitStatus, 1);
     EXPECT_EQ(capture.standardError, "aimwise-capture: the data root " + root +
-                                         " holds no signals.sqlite and was not prepared by `aimwise init`, as the "
-                                         "mount point of a disk that is not mounted looks; recording nothing until "
+                                         " holds no signals.sqlite and was not prepared by `aimwise init`, which is "
+                                         "how the mount point of an unmounted disk looks; recording nothing until "
                                          "the disk is mounted or `aimwise init " + root +
                                          "` prepares it; checking again every 60 s\n");
     EXPECT_TRUE(std::filesystem::is_empty(sandbox.root));
