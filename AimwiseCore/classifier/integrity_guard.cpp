@@ -1,5 +1,6 @@
 #include "AimwiseCore/classifier/integrity_guard.h"
 
+#include <algorithm>
 #include <cmath>
 #include <ctime>
 #include <nlohmann/json.hpp>
@@ -29,6 +30,8 @@ std::string quoted(const std::string& text) {
 }
 
 std::string isoInstant(int64_t atMs) {
+    // Years 0001 to 9999: a time from a damaged note still prints, at the nearer end.
+    atMs = std::clamp<int64_t>(atMs, -62'135'596'800'000, 253'402'300'799'999);
     int64_t seconds = atMs >= 0 ? atMs / 1000 : (atMs - 999) / 1000;
     time_t time = static_cast<time_t>(seconds);
     tm parts{};

@@ -22,6 +22,7 @@
 #include "AimwiseCore/privacy/safe_text.h"
 #include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/agent_config.h"
 #include "CaptureShared/dataroot/data_paths.h"
@@ -170,7 +171,7 @@ std::string signalsLine(int64_t now) {
         SignalsStaleness::decide(currentRecordingPause(now), latest->tsMs, now,
                                  cadence ? std::optional(cadence->lastRanAtMs) : std::nullopt,
                                  SignalsStaleness::defaultThresholdMs, regimeGapSec);
-    const std::string age = SignalsStaleness::humanDuration(now - latest->tsMs) + " ago";
+    const std::string age = SignalsStaleness::humanDuration(Saturating::subtract(now, latest->tsMs)) + " ago";
     const std::string front = latest->frontmostApp ? ", front: " + *latest->frontmostApp : "";
     if (std::holds_alternative<SignalsStaleness::Fresh>(decision)) return "Signals: fresh — newest sample " + age + front;
     if (std::holds_alternative<SignalsStaleness::StaleButUntrustworthy>(decision))
