@@ -247,9 +247,6 @@ Gate stateGate(TickRun& run) {
     run.partial = ClassifierService::buildStateWithoutPresence(*run.signals, run.events ? &*run.events : nullptr,
                                                                run.signalsPath, std::nullopt, run.session);
     if (!run.partial) throw cli::Failure("no signal data available (volume unmounted or DB empty) — skipping");
-    // Cleaned before the cadence compares a title with the one it kept, which was kept cleaned; the
-    // model and every record of the verdict see the same text.
-    run.partial->state = cli::withTitlesCleaned(std::move(run.partial->state));
     run.state = run.partial->state;
     // The decision time: the estimate call above may have taken a while.
     run.cadence = Cadence::read(DataPaths::classifierCadence());
@@ -335,6 +332,10 @@ struct Judgment {
 
 // A failed model call throws from here, before anything is recorded.
 Judgment judge(TickRun& run) {
+    // The model and every record of the verdict see the same cleaned titles. Only here: the capture
+    // agent keeps titles cleaned already, so the cadence compares like with like, and a skipping
+    // tick never loads the text libraries.
+    run.state = cli::withTitlesCleaned(std::move(*run.state));
     Judgment judgment;
     judgment.startMs = run.clock.wallMs();
     judgment.before = run.platform.batteryTelemetry();
