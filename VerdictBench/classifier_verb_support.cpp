@@ -7,8 +7,8 @@
 #include "AimwiseCore/classifier/window_content.h"
 #include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/models/local_inference_endpoint.h"
+#include "AimwiseCore/privacy/safe_text.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
-#include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/utf8.h"
 #include "VerdictBench/cli.h"
 
@@ -18,7 +18,7 @@ std::optional<std::vector<EventLogEvent>> readEventLogIfPresent(const std::files
     std::error_code error;
     if (!std::filesystem::exists(eventsPath, error)) return std::nullopt;
     try {
-        return EventLogReader::parse(readWholeFile(eventsPath));
+        return EventLogReader::read(eventsPath);
     } catch (const std::exception&) {
         return std::nullopt;
     }
@@ -29,7 +29,16 @@ ClassifierState buildState(const SignalsReader& signals, const std::optional<std
                            const std::optional<std::string>& asOfArgument, LazyHTTPSession& session) {
     auto state = ClassifierService::buildState(signals, events ? &*events : nullptr, signalsPath, asOfMs, session);
     if (!state) throw Failure("no tick data available at " + asOfArgument.value_or("now"));
-    return *state;
+    return withTitlesCleaned(std::move(*state));
+}
+
+ClassifierState withTitlesCleaned(ClassifierState state) {
+    using Scope = SensitiveIdentifierRedaction::Scope;
+    RedactionReport ignored;
+    state.frontmostWindowTitle = SafeText::clean(state.frontmostWindowTitle, Scope::lifeLevel, ignored);
+    state.browserTitle = SafeText::clean(state.browserTitle, Scope::lifeLevel, ignored);
+    state.browserURL = SafeText::clean(state.browserURL, Scope::lifeLevel, ignored);
+    return state;
 }
 
 LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSession& session) {
@@ -60,9 +69,7 @@ LiveWindowContent captureLiveWindowContent(const SignalsReader& signals, HTTPSes
     live.content = std::move(redacted.content);
     live.redactions = std::move(redacted.redactions);
     // The describe log is a lasting record: the model's sentence is kept only in its redacted form.
-    live.description = SensitiveIdentifierRedaction::redact(parts->description,
-                                                            SensitiveIdentifierRedaction::Scope::lifeLevel)
-                           .text;
+    live.description = SafeText::clean(parts->description, SensitiveIdentifierRedaction::Scope::lifeLevel).text;
     live.ocrChars = static_cast<int64_t>(utf8::scalarCount(parts->ocrText));
     live.screenshotAtMs = parts->screenshotAtMs;
     live.textSource = WindowContentReader::logValue(parts->textSource);

@@ -21,6 +21,10 @@ ClassifierState buildState(const SignalsReader& signals, const std::optional<std
                            const std::filesystem::path& signalsPath, std::optional<int64_t> asOfMs,
                            const std::optional<std::string>& asOfArgument, LazyHTTPSession& session);
 
+// Titles as every record and terminal shows them: cleaned of identifiers. The capture agent stores
+// them cleaned already; rows from before it did still hold them as they were.
+ClassifierState withTitlesCleaned(ClassifierState state);
+
 // The front window's content for a live judgment, or why it was withheld.
 struct LiveWindowContent {
     std::optional<ContentWithheldReason> withheld;

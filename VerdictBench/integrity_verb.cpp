@@ -32,7 +32,12 @@ int runIntegrity(const cli::Invocation& invocation) {
     std::optional<std::string> expectedPath;
     if (manifest) expectedPath = (store.modelsDirectory() / manifest->fileName).string();
 
-    EndpointURL endpoint = LocalInferenceEndpoint::resolve(processEnvironment());
+    EndpointURL endpoint;
+    try {
+        endpoint = LocalInferenceEndpoint::resolveOrThrow(processEnvironment());
+    } catch (const LocalInferenceEndpoint::ResolutionError& error) {
+        throw cli::Failure("FAIL: " + error.description() + "; no server was asked, so the served model was not checked");
+    }
     HTTPSession session;
     std::string servedPath;
     try {

@@ -40,7 +40,7 @@ int runJudge(const cli::Invocation& invocation) {
         upstream = live.redactions;
         withheld = live.withheld;
     }
-    std::printf("window_content: %s\n\n", windowContent ? windowContent->c_str() : "nil");
+    std::printf("window_content: %s\n\n", windowContent ? escapedForTerminal(*windowContent).c_str() : "nil");
     std::fflush(stdout);
 
     const ClassifierService::Outcome outcome =
@@ -48,9 +48,9 @@ int runJudge(const cli::Invocation& invocation) {
                                  ClassifierBackend::mainCallConfig(), session.get());
     cli::logPrivacy(outcome);
     std::printf("called_model: %s\n", outcome.calledModel ? "true" : "false");
-    std::printf("state:        %s\n", outcome.judgment.state.c_str());
+    std::printf("state:        %s\n", escapedForTerminal(outcome.judgment.state).c_str());
     std::printf("confidence:   %s\n", shortestRoundTrip(outcome.judgment.confidence).c_str());
-    std::printf("reason:       %s\n", outcome.judgment.reason.c_str());
+    std::printf("reason:       %s\n", escapedForTerminal(outcome.judgment.reason).c_str());
     return 0;
 }
 

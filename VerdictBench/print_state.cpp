@@ -31,7 +31,7 @@ std::string renderState(const ClassifierState& state) {
 }
 
 void printState(const ClassifierState& state) {
-    const std::string rendered = renderState(state);
+    const std::string rendered = escapedForTerminal(renderState(state), Newlines::kept);
     std::fwrite(rendered.data(), 1, rendered.size(), stdout);
 }
 

@@ -27,7 +27,7 @@ std::vector<JSONValue> readJSONLRecords(const std::filesystem::path& path) {
     std::vector<JSONValue> records;
     std::string data;
     try {
-        data = readWholeFile(path);
+        data = readFileTail(path, ReadLimit::log);
     } catch (const std::exception&) {
         return records;
     }

@@ -6,6 +6,8 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
+#include <cstring>
 #include <cmath>
 #include <cstdio>
 
@@ -27,7 +29,9 @@
 #include "AimwiseCore/models/model_backend_error.h"
 #include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/line_append.h"
 #include "CaptureShared/common/local_time.h"
+#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/data_paths.h"
 #include "CaptureShared/staleness/recording_pause.h"
@@ -115,19 +119,20 @@ void armTickWatchdog(double ceilingSec) {
     ::setitimer(ITIMER_REAL, &timer, nullptr);
 }
 
-void appendClassifierTick(const ClassifierTick& tick, const fs::path& to) {
+std::optional<std::string> appendClassifierTick(const ClassifierTick& tick, const fs::path& to) {
     std::string line;
     try {
         line = tick.encoded() + "\n";
     } catch (const std::exception&) {
         std::fputs("tick: failed to encode record\n", stderr);
-        return;
+        return std::nullopt;
     }
-    // One write on an append descriptor: concurrent writers of whole lines never interleave.
-    const int fd = ::open(to.c_str(), O_WRONLY | O_APPEND | O_CREAT | O_CLOEXEC, 0600);
-    if (fd < 0) return;
-    (void)!::write(fd, line.data(), line.size());
-    ::close(fd);
+    const LineAppend::Result result = LineAppend::append(to, line, 0600);
+    if (result.ok()) return std::nullopt;
+    if (result.failure == LineAppend::Failure::shortWrite && result.written >= 0)
+        return "only " + std::to_string(result.written) + " of its " + std::to_string(result.expected) +
+               " bytes were written (" + std::strerror(result.error) + ")";
+    return std::strerror(result.error);
 }
 
 bool callHoldEnabled(const Environment& environment) {
@@ -141,7 +146,7 @@ bool callHoldEnabled(const Environment& environment) {
 std::optional<std::string> classifierInstructions(const fs::path& dataRoot) {
     std::string text;
     try {
-        text = readWholeFile(dataRoot / "coach-preferences.json");
+        text = readWholeFile(dataRoot / "coach-preferences.json", ReadLimit::setting);
     } catch (const std::exception&) {
         return std::nullopt;
     }
@@ -286,7 +291,7 @@ Gate cadenceGate(TickRun& run) {
     run.episode = Cadence::Episode{state.minutesSinceDeclared, state.declaredTask, std::nullopt};
     if (state.minutesOverEstimate)
         run.episode.estimateBoundaryMs =
-            state.tsMs - static_cast<int64_t>(std::trunc(*state.minutesOverEstimate * 60000.0));
+            Saturating::subtract(state.tsMs, Saturating::fromDouble(*state.minutesOverEstimate * 60000.0));
     run.away = state.idleAnySec && *state.idleAnySec > ClassifierService::idleAwaySec;
     const Cadence::Decision decision = Cadence::decide(run.nowMs, run.cadence, state.frontmostApp,
                                                        state.frontmostWindowTitle, run.away, run.episode, run.config);
@@ -343,6 +348,10 @@ struct Judgment {
 
 // A failed model call throws from here, before anything is recorded.
 Judgment judge(TickRun& run) {
+    // The model and every record of the verdict see the same cleaned titles. Only here: the capture
+    // agent keeps titles cleaned already, so the cadence compares like with like, and a skipping
+    // tick never loads the text libraries.
+    run.state = cli::withTitlesCleaned(std::move(*run.state));
     Judgment judgment;
     judgment.startMs = run.clock.wallMs();
     judgment.before = run.platform.batteryTelemetry();
@@ -362,7 +371,10 @@ void record(TickRun& run, const Judgment& judgment) {
     const std::string& model = run.backendConfig.model;
     const std::string at = LocalTime::format(run.clock.wallMs());
     const ClassifierTick tick = ClassifierService::loggedTick(at, judgment.outcome, judgment.capture.screenshotAtMs, model);
-    appendClassifierTick(tick, run.dataRoot / "checker-log.jsonl");
+    const fs::path log = run.dataRoot / "checker-log.jsonl";
+    if (const auto failure = appendClassifierTick(tick, log))
+        warn("this verdict could not be written to " + log.string() + ": " + *failure +
+             ". It was made and the cadence moves on, but the coach will not see it.");
     writeCadence(Cadence::advanced(run.cadence, run.nowMs, judgment.outcome.judgment.state, run.state->frontmostApp,
                                    run.state->frontmostWindowTitle, run.away, run.episode, run.config));
 
@@ -388,7 +400,7 @@ void record(TickRun& run, const Judgment& judgment) {
     }
 
     try {
-        say(nlohmann::json::parse(tick.encoded()).dump(2));
+        say(escapedForTerminal(nlohmann::json::parse(tick.encoded()).dump(2), Newlines::kept));
     } catch (const std::exception&) {
         // Already reported by appendClassifierTick.
     }

@@ -39,9 +39,9 @@ void armTickWatchdog(double ceilingSec);
 // Returns 0 on every path that does not throw; a refusal or a missing state is a cli::Failure.
 int runTick(const Platform& platform, const Clock& clock);
 
-// One line in the encoder's key order; failures after encoding are dropped in silence, since the
-// verdict has already been made.
-void appendClassifierTick(const ClassifierTick& tick, const std::filesystem::path& to);
+// One whole line in the encoder's key order. Returns what went wrong when the line could not be
+// written whole, in plain words; the verdict has already been made, so the caller only says so.
+std::optional<std::string> appendClassifierTick(const ClassifierTick& tick, const std::filesystem::path& to);
 
 void discloseEndedBackoffWindow(const std::filesystem::path& dataRoot,
                                 const std::optional<std::vector<EventLogEvent>>& events, int64_t nowMs,

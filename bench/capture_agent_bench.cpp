@@ -3,7 +3,8 @@
 // AIMWISE_CAPTURE_BENCH_SECONDS (120 by default; 3600 for the hour the target speaks of). Counters:
 // the agent's CPU seconds per hour of running, its resident memory at the end and at its peak, and
 // the samples it wrote. The X server's own CPU per hour is the baseline: what answering the agent's
-// questions costs the display.
+// questions costs the display. With AIMWISE_CAPTURE_BENCH_BASELINE=<another aimwise-capture>, that
+// agent runs as well in the same process, for a ratio against an earlier build.
 #include <X11/Xatom.h>
 #include <X11/Xlib.h>
 #include <X11/Xutil.h>
@@ -105,7 +106,9 @@ public:
     // Brings window `step % 20` to the front and retitles it, as switching and reading would.
     void step(int step) {
         const Window front = windows_[static_cast<size_t>(step) % windows_.size()];
-        setTitle(front, "document " + std::to_string(step) + " - reading");
+        // Every fifth title carries a card number, for the agent to clean before it keeps it.
+        setTitle(front, step % 5 == 0 ? "Payment 4111 1111 1111 " + std::to_string(1000 + step % 9000) + " - checkout"
+                                      : "document " + std::to_string(step) + " - reading");
         std::vector<long> stacking;
         for (Window w : windows_)
             if (w != front) stacking.push_back(static_cast<long>(w));
@@ -131,13 +134,15 @@ private:
     std::vector<Window> windows_;
 };
 
-void BM_CaptureAgentRunning(benchmark::State& state) {
+void runAgent(benchmark::State& state, const std::string& agent) {
     const char* configured = std::getenv("AIMWISE_CAPTURE_BENCH_SECONDS");
     const int seconds = configured ? std::max(10, std::atoi(configured)) : 120;
     std::string pattern = (fs::temp_directory_path() / "capture-bench-XXXXXX").string();
     if (!::mkdtemp(pattern.data())) return state.SkipWithError("no temporary directory");
     const fs::path home = pattern;
     fs::create_directories(home / "root");
+    // As `aimwise init` prepares a root: the agent starts signals.sqlite only in a prepared one.
+    std::ofstream(home / "root" / "manifest.json") << "{}\n";
 
     for (auto _ : state) {
         int report[2];
@@ -167,7 +172,6 @@ void BM_CaptureAgentRunning(benchmark::State& state) {
             return state.SkipWithError(("cannot open the Xvfb display " + display).c_str());
         }
 
-        const std::string agent = (fs::read_symlink("/proc/self/exe").parent_path() / "aimwise-capture").string();
         const pid_t capture = spawnQuietly({agent},
                                     {"DISPLAY=" + display, "HOME=" + home.string(),
                                      "XDG_DATA_HOME=" + (home / "data").string(),
@@ -198,8 +202,20 @@ void BM_CaptureAgentRunning(benchmark::State& state) {
     std::error_code ignored;
     fs::remove_all(home, ignored);
 }
-BENCHMARK(BM_CaptureAgentRunning)->UseManualTime()->Unit(benchmark::kSecond)->Iterations(1);
-
 }  // namespace
 
-BENCHMARK_MAIN();
+int main(int argc, char** argv) {
+    benchmark::Initialize(&argc, argv);
+    const std::string built = (fs::read_symlink("/proc/self/exe").parent_path() / "aimwise-capture").string();
+    std::vector<std::pair<std::string, std::string>> agents{{"BM_CaptureAgentRunning", built}};
+    if (const char* baseline = std::getenv("AIMWISE_CAPTURE_BENCH_BASELINE"))
+        agents.emplace_back("BM_CaptureAgentRunning_baseline", baseline);
+    for (const auto& [name, agent] : agents)
+        benchmark::RegisterBenchmark(name.c_str(), [agent](benchmark::State& state) { runAgent(state, agent); })
+            ->UseManualTime()
+            ->Unit(benchmark::kSecond)
+            ->Iterations(1);
+    benchmark::RunSpecifiedBenchmarks();
+    benchmark::Shutdown();
+    return 0;
+}

@@ -1,5 +1,7 @@
 #include "AimwiseCore/classifier/backoff_disclosure.h"
 
+#include "CaptureShared/common/saturating.h"
+
 namespace aimwise::BackoffDisclosure {
 
 std::optional<Disclosure> pending(const std::vector<EventLogEvent>& events, int64_t nowMs) {
@@ -10,7 +12,7 @@ std::optional<Disclosure> pending(const std::vector<EventLogEvent>& events, int6
         const double* untilMs = until ? until->numberIfAny() : nullptr;
         if (!untilMs) return std::nullopt;
         const auto end = wholeMilliseconds(*untilMs);
-        if (!end || *end > nowMs || nowMs - *end > maxDisclosureAgeMs) return std::nullopt;
+        if (!end || *end > nowMs || Saturating::subtract(nowMs, *end) > maxDisclosureAgeMs) return std::nullopt;
         return Disclosure{it->tsMs, *end};
     }
     return std::nullopt;

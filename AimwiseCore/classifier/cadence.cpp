@@ -3,11 +3,10 @@
 #include <algorithm>
 #include <charconv>
 #include <cmath>
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/saturating.h"
 
 namespace aimwise::ClassifierCadence {
 
@@ -27,7 +26,7 @@ std::optional<int> configValue(const Environment& environment, const char* key) 
 
 int64_t elapsedSec(int64_t nowMs, int64_t sinceMs) {
     // A clock moved backwards reads as no time at all, never as a negative wait.
-    return nowMs > sinceMs ? (nowMs - sinceMs) / 1000 : 0;
+    return nowMs > sinceMs ? Saturating::subtract(nowMs, sinceMs) / 1000 : 0;
 }
 
 bool insideWarmup(const Episode& episode, const Config& config) {
@@ -101,7 +100,7 @@ Config Config::fromEnvironment(const Environment& environment) {
 
 int State::interval(const Config& config) const {
     const int ceiling = lastVerdict == "ON_TASK" ? config.onTaskCeilingSec : config.ceilingSec;
-    const double runSec = std::max(0.0, static_cast<double>(lastJudgedAtMs - runStartedAtMs) / 1000.0);
+    const double runSec = std::max(0.0, static_cast<double>(Saturating::subtract(lastJudgedAtMs, runStartedAtMs)) / 1000.0);
     const double floor = static_cast<double>(config.floorSec);
     const double raw = std::trunc(floor * std::pow(std::max(runSec / floor, 1.0), config.growthExponent));
     if (!std::isfinite(raw)) return ceiling;
@@ -158,7 +157,7 @@ RunOutcome classifyRun(const std::optional<State>& from, int64_t nowMs, const st
                        const std::optional<std::string>& windowTitle, bool away,
                        const Episode& episode, const Config& config) {
     if (!from) return RunOutcome::regimeGap;
-    if (from->pausedForCall || nowMs - from->lastRanAtMs > static_cast<int64_t>(config.regimeGapSec) * 1000)
+    if (from->pausedForCall || Saturating::subtract(nowMs, from->lastRanAtMs) > static_cast<int64_t>(config.regimeGapSec) * 1000)
         return RunOutcome::regimeGap;
     if (from->lastDeclaredTask && episode.declaredTask && *from->lastDeclaredTask != *episode.declaredTask)
         return RunOutcome::newDeclaration;
@@ -282,12 +281,11 @@ std::optional<State> decode(std::string_view text) {
 }
 
 std::optional<State> read(const std::filesystem::path& from) {
-    std::ifstream in(from, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream contents;
-    contents << in.rdbuf();
-    if (in.bad()) return std::nullopt;
-    return decode(contents.str());
+    try {
+        return decode(readWholeFile(from, ReadLimit::setting));
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
 }
 
 // Rewritten by every tick, most of them skips, where waiting for the disk would cost more than the

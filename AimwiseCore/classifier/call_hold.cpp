@@ -1,11 +1,10 @@
 #include "AimwiseCore/classifier/call_hold.h"
 
-#include <fstream>
 #include <nlohmann/json.hpp>
-#include <sstream>
 
 #include "AimwiseCore/events/file_io.h"
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/saturating.h"
 
 namespace aimwise {
 
@@ -56,7 +55,7 @@ CallHold::Status decide(const std::vector<EventLogEvent>& events, const CallActi
     }
     tracker.observe(reading, nowMs);
     const auto start = tracker.episodeStartMs();
-    if (!start || nowMs - *start >= maxEpisodeMs) return CallHold::NotInCall{};
+    if (!start || Saturating::subtract(nowMs, *start) >= maxEpisodeMs) return CallHold::NotInCall{};
     if (control.override && control.override->episodeStartMs == *start)
         return CallHold::Overridden{*start, control.override->overriddenAtMs};
     return CallHold::Held{*start};
@@ -67,11 +66,13 @@ CallHold::Status decide(const std::vector<EventLogEvent>& events, const CallActi
 namespace CallHoldOverrideStore {
 
 std::optional<CallHoldOverride> read(const std::filesystem::path& from) {
-    std::ifstream in(from, std::ios::binary);
-    if (!in) return std::nullopt;
-    std::ostringstream contents;
-    contents << in.rdbuf();
-    const auto json = nlohmann::json::parse(contents.str(), nullptr, false);
+    std::string contents;
+    try {
+        contents = readWholeFile(from, ReadLimit::setting);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
+    const auto json = nlohmann::json::parse(contents, nullptr, false);
     if (!json.is_object()) return std::nullopt;
     const auto start = json.find("episodeStartMs");
     const auto at = json.find("overriddenAtMs");

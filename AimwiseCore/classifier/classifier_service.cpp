@@ -11,6 +11,7 @@
 #include "AimwiseCore/privacy/screen_text.h"
 #include "AimwiseCore/privacy/sensitive_identifier_redaction.h"
 #include "AimwiseCore/privacy/sensitive_sites.h"
+#include "CaptureShared/common/saturating.h"
 
 namespace aimwise::ClassifierService {
 
@@ -25,7 +26,7 @@ constexpr int64_t presenceWalkLimit = 100'000;
 constexpr double staleAfterMinutes = 240.0;
 
 double minutesBetween(int64_t fromMs, int64_t toMs) {
-    return truncatedToOneDecimal(static_cast<double>(toMs - fromMs) / 60000.0);
+    return truncatedToOneDecimal(static_cast<double>(Saturating::subtract(toMs, fromMs)) / 60000.0);
 }
 
 struct Declaration {
@@ -80,11 +81,11 @@ GapFields gapFields(const SignalsReader::PresenceGapResult& walk, int64_t rowTsM
             fields.minutesSinceReturn = minutesBetween(gap->runStartMs, rowTsMs);
             if (declaredAtMs && estimate)
                 fields.gapFollowedTaskEndpoint =
-                    static_cast<double>(gap->beforeAbsence.tsMs - *declaredAtMs) / 60000.0 - *estimate >= 0.0;
+                    static_cast<double>(Saturating::subtract(gap->beforeAbsence.tsMs, *declaredAtMs)) / 60000.0 - *estimate >= 0.0;
         }
     } else {
         const int64_t runStartMs = std::get<SignalsReader::GapExceedsWindow>(walk).runStartMs;
-        if (!declaredAtMs || *declaredAtMs <= runStartMs - staleGapLookbackMs) {
+        if (!declaredAtMs || *declaredAtMs <= Saturating::subtract(runStartMs, staleGapLookbackMs)) {
             // Absent with a declaration: away for longer than the walk could see.
             fields.minutesSinceReturn = minutesBetween(runStartMs, rowTsMs);
         } else {

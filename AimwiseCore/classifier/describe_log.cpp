@@ -6,6 +6,7 @@
 #include "AimwiseCore/events/event_log_reader.h"
 #include "AimwiseCore/events/json_value.h"
 #include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/saturating.h"
 
 namespace aimwise::ClassifierDescribeLog {
 
@@ -42,7 +43,7 @@ std::vector<Row> read(const std::filesystem::path& path) {
     std::vector<Row> rows;
     std::string data;
     try {
-        data = readWholeFile(path);
+        data = readFileTail(path, ReadLimit::log);
     } catch (const std::exception&) {
         return rows;
     }
@@ -58,8 +59,9 @@ std::optional<Row> nearest(const std::vector<Row>& sortedRows, int64_t atMs, int
                                         [](const Row& row, int64_t ms) { return row.atMs < ms; });
     const Row* best = nullptr;
     if (after != sortedRows.begin()) best = &*std::prev(after);
-    if (after != sortedRows.end() && (!best || after->atMs - atMs < atMs - best->atMs)) best = &*after;
-    if (!best || std::abs(best->atMs - atMs) > toleranceMs) return std::nullopt;
+    using Saturating::subtract;
+    if (after != sortedRows.end() && (!best || subtract(after->atMs, atMs) < subtract(atMs, best->atMs))) best = &*after;
+    if (!best || std::max(subtract(best->atMs, atMs), subtract(atMs, best->atMs)) > toleranceMs) return std::nullopt;
     return *best;
 }
 

@@ -1,16 +1,11 @@
 #include "AimwiseCore/classifier/integrity_guard.h"
 
-#include <fcntl.h>
-#include <sys/random.h>
-#include <sys/stat.h>
-#include <unistd.h>
-
-#include <cerrno>
+#include <algorithm>
 #include <cmath>
 #include <ctime>
-#include <random>
 #include <nlohmann/json.hpp>
 
+#include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/iso_date.h"
 #include "AimwiseCore/models/local_inference_wire.h"
 #include "AimwiseCore/models/model_backend_error.h"
@@ -35,6 +30,8 @@ std::string quoted(const std::string& text) {
 }
 
 std::string isoInstant(int64_t atMs) {
+    // Years 0001 to 9999: a time from a damaged note still prints, at the nearer end.
+    atMs = std::clamp<int64_t>(atMs, -62'135'596'800'000, 253'402'300'799'999);
     int64_t seconds = atMs >= 0 ? atMs / 1000 : (atMs - 999) / 1000;
     time_t time = static_cast<time_t>(seconds);
     tm parts{};
@@ -43,28 +40,6 @@ std::string isoInstant(int64_t atMs) {
     std::snprintf(text, sizeof text, "%04d-%02d-%02dT%02d:%02d:%02d.%03dZ", parts.tm_year + 1900, parts.tm_mon + 1,
                   parts.tm_mday, parts.tm_hour, parts.tm_min, parts.tm_sec, static_cast<int>(atMs - seconds * 1000));
     return text;
-}
-
-std::string uuid() {
-    unsigned char bytes[16];
-    if (::getrandom(bytes, sizeof bytes, 0) != static_cast<ssize_t>(sizeof bytes)) {
-        std::random_device device;
-        for (unsigned char& byte : bytes) byte = static_cast<unsigned char>(device());
-    }
-    bytes[6] = (bytes[6] & 0x0F) | 0x40;
-    bytes[8] = (bytes[8] & 0x3F) | 0x80;
-    static constexpr char hex[] = "0123456789ABCDEF";
-    std::string out;
-    for (int i = 0; i < 16; ++i) {
-        if (i == 4 || i == 6 || i == 8 || i == 10) out += '-';
-        out += hex[bytes[i] >> 4];
-        out += hex[bytes[i] & 15];
-    }
-    return out;
-}
-
-[[noreturn]] void throwErrno(const std::string& what, const std::filesystem::path& path) {
-    throw std::filesystem::filesystem_error(what, path, std::error_code(errno, std::generic_category()));
 }
 
 }  // namespace
@@ -203,12 +178,12 @@ void writeRefusalNote(const RefusalNote& note, const std::filesystem::path& to) 
 }
 
 std::optional<RefusalNote> readRefusalNote(const std::filesystem::path& from) {
-    int fd = ::open(from.c_str(), O_RDONLY | O_CLOEXEC);
-    if (fd < 0) return std::nullopt;
     std::string text;
-    char buffer[4096];
-    for (ssize_t count; (count = ::read(fd, buffer, sizeof buffer)) > 0;) text.append(buffer, count);
-    ::close(fd);
+    try {
+        text = readWholeFile(from, ReadLimit::setting);
+    } catch (const std::exception&) {
+        return std::nullopt;
+    }
     json value = json::parse(text, nullptr, false);
     if (!value.is_object()) return std::nullopt;
     auto string = [&](const char* key) -> std::optional<std::string> {
@@ -254,37 +229,7 @@ void writeOwnerOnly(std::string_view data, const std::filesystem::path& to) {
         std::filesystem::create_directories(directory);
         std::filesystem::permissions(directory, std::filesystem::perms::owner_all);
     }
-    std::string name = to.filename().string();
-    name.insert(0, 1, '.');
-    name.append(".").append(uuid()).append(".tmp");
-    std::filesystem::path temporary = directory / name;
-    int fd = ::open(temporary.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, 0600);
-    if (fd < 0) throwErrno("could not create", temporary);
-    size_t written = 0;
-    while (written < data.size()) {
-        ssize_t count = ::write(fd, data.data() + written, data.size() - written);
-        if (count < 0 && errno == EINTR) continue;
-        if (count <= 0) {
-            int saved = errno;
-            ::close(fd);
-            ::unlink(temporary.c_str());
-            errno = saved;
-            throwErrno("could not write", temporary);
-        }
-        written += static_cast<size_t>(count);
-    }
-    if (::fchmod(fd, 0600) != 0 || ::close(fd) != 0) {
-        int saved = errno;
-        ::unlink(temporary.c_str());
-        errno = saved;
-        throwErrno("could not finish", temporary);
-    }
-    if (::rename(temporary.c_str(), to.c_str()) != 0) {
-        int saved = errno;
-        ::unlink(temporary.c_str());
-        errno = saved;
-        throwErrno("could not replace", to);
-    }
+    writeFileAtomically(to, data, 0600);
 }
 
 }  // namespace aimwise::ModelIntegrityGuard

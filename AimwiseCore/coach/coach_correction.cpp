@@ -57,7 +57,7 @@ std::vector<CoachCorrection> read(const std::filesystem::path& url) {
     std::vector<CoachCorrection> corrections;
     std::string data;
     try {
-        data = readWholeFile(url);
+        data = readFileTail(url, ReadLimit::log);
     } catch (const std::exception&) {
         return corrections;
     }

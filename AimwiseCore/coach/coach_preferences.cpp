@@ -12,7 +12,7 @@ namespace {
 
 std::optional<JSONValue> object(const std::filesystem::path& dataRoot) {
     try {
-        auto parsed = JSONValue::tryParse(readWholeFile(path(dataRoot)));
+        auto parsed = JSONValue::tryParse(readWholeFile(path(dataRoot), ReadLimit::setting));
         if (parsed && parsed->isObject()) return parsed;
     } catch (const std::exception&) {
     }
@@ -48,7 +48,7 @@ CoachPreferences decode(std::string_view text) {
 
 CoachPreferences read(const std::filesystem::path& dataRoot) {
     try {
-        return decode(readWholeFile(path(dataRoot)));
+        return decode(readWholeFile(path(dataRoot), ReadLimit::setting));
     } catch (const std::exception&) {
         return {};
     }

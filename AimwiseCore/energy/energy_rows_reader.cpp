@@ -115,7 +115,7 @@ Result read(const fs::path& dataRoot, int64_t sinceMs, int64_t untilMs,
     Result result;
     for (const Source& source : sources) {
         const fs::path path = dataRoot / source.fileName;
-        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+        const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
         if (fd < 0) {
             if (errno != ENOENT && errno != ENOTDIR)
                 result.unreadableFiles.push_back(std::string(source.fileName) + ": " + std::strerror(errno));

@@ -8,7 +8,9 @@ namespace aimwise {
 
 namespace EventLogReader {
 
-std::vector<EventLogEvent> read(const std::filesystem::path& contentsOf) { return parse(readWholeFile(contentsOf)); }
+std::vector<EventLogEvent> read(const std::filesystem::path& contentsOf) {
+    return parse(readFileTail(contentsOf, ReadLimit::log));
+}
 
 std::vector<EventLogEvent> parse(std::string_view data) {
     std::vector<EventLogEvent> events;
@@ -25,7 +27,9 @@ std::vector<EventLogEvent> parse(std::string_view data) {
 
 namespace ClassifierLogReader {
 
-std::vector<ClassifierTick> read(const std::filesystem::path& contentsOf) { return parse(readWholeFile(contentsOf)); }
+std::vector<ClassifierTick> read(const std::filesystem::path& contentsOf) {
+    return parse(readFileTail(contentsOf, ReadLimit::log));
+}
 
 std::vector<ClassifierTick> parse(std::string_view data) {
     std::vector<ClassifierTick> ticks;

@@ -10,6 +10,7 @@
 
 namespace aimwise {
 
+// `read` takes the newest lines within ReadLimit::log, and only from a regular file.
 namespace EventLogReader {
 // Throws std::filesystem::filesystem_error when the file cannot be read.
 std::vector<EventLogEvent> read(const std::filesystem::path& contentsOf);

@@ -5,14 +5,17 @@
 #include <cstdlib>
 
 #include "AimwiseCore/events/file_io.h"
+#include "CaptureShared/dataroot/data_root_presence.h"
 
 namespace aimwise {
 
 namespace {
 
-std::string describeAppend(EventLogWriterError::Kind kind, int error, int64_t expected, int64_t actual) {
+std::string describeAppend(EventLogWriterError::Kind kind, int error, int64_t expected, int64_t actual,
+                           const std::filesystem::path& root) {
     using Kind = EventLogWriterError::Kind;
     switch (kind) {
+        case Kind::dataRootEmpty: return DataRootPresence::emptyRootSentence(root);
         case Kind::openFailed: return "could not open file for append: errno " + std::to_string(error);
         case Kind::shortWrite:
             return "short write: expected " + std::to_string(expected) + " bytes, wrote " + std::to_string(actual);
@@ -24,11 +27,17 @@ std::string describeAppend(EventLogWriterError::Kind kind, int error, int64_t ex
 }  // namespace
 
 EventLogWriterError::EventLogWriterError(Kind kind, int error, int64_t expected, int64_t actual)
-    : Error(describeAppend(kind, error, expected, actual)),
+    : Error(describeAppend(kind, error, expected, actual, {})),
       kind(kind),
       error(error),
       expected(expected),
       actual(actual) {}
+
+EventLogWriterError EventLogWriterError::dataRootEmpty(const std::filesystem::path& root) {
+    EventLogWriterError error{Kind::dataRootEmpty};
+    error.setDescription(describeAppend(Kind::dataRootEmpty, 0, 0, 0, root));
+    return error;
+}
 
 namespace EventLogWriter {
 
@@ -58,17 +67,15 @@ void append(const EventLogEvent& event, const std::filesystem::path& to, const s
     } catch (const JSONValueError&) {
         throw EventLogWriterError{EventLogWriterError::Kind::encodingFailed};
     }
+    // The log lives in <data root>/io-layer. Its folder is made only in a root that holds some of
+    // this system's files, never in an unmounted disk's empty mount point.
+    std::error_code ignored;
+    if (!std::filesystem::exists(to.parent_path(), ignored) &&
+        !DataRootPresence::holdsSystemFiles(to.parent_path().parent_path()))
+        throw EventLogWriterError::dataRootEmpty(to.parent_path().parent_path());
     events_io::createDirectories(to.parent_path(), 0700);
     line.push_back('\n');
-    const auto result = events_io::appendOnce(to, line, 0600);
-    switch (result.failure) {
-        case events_io::AppendFailure::none: return;
-        case events_io::AppendFailure::openFailed:
-            throw EventLogWriterError{EventLogWriterError::Kind::openFailed, result.error};
-        case events_io::AppendFailure::shortWrite:
-            throw EventLogWriterError{EventLogWriterError::Kind::shortWrite, result.error,
-                                      static_cast<int64_t>(line.size()), result.written};
-    }
+    events_io::appendLine(to, line);
 }
 
 void append(const std::vector<EventLogEvent>& events, const std::filesystem::path& to,

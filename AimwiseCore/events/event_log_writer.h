@@ -13,8 +13,11 @@
 namespace aimwise {
 
 struct EventLogWriterError : Error {
-    enum class Kind { openFailed, shortWrite, encodingFailed };
+    // dataRootEmpty: the log's folder would have been made in a root holding none of the system's
+    // files, such as an unmounted disk's mount point.
+    enum class Kind { openFailed, shortWrite, encodingFailed, dataRootEmpty };
     explicit EventLogWriterError(Kind kind, int error = 0, int64_t expected = 0, int64_t actual = 0);
+    static EventLogWriterError dataRootEmpty(const std::filesystem::path& root);
     Kind kind;
     int error = 0;         // openFailed: errno
     int64_t expected = 0;  // shortWrite
@@ -33,7 +36,8 @@ JSONValue withProducerStamp(const JSONValue& detail, const std::string& processN
                             const std::string& buildVersion, int64_t pid);
 
 // Throws EventLogWriterError; the parent directory is created at 0700 (its failure is rethrown as
-// std::filesystem::filesystem_error), the file at 0600.
+// std::filesystem::filesystem_error), the file at 0600. A line starts on a line of its own even
+// after a line that an earlier writer left cut short.
 void append(const EventLogEvent& event, const std::filesystem::path& to,
             const std::string& processName = defaultProcessName,
             const std::string& buildVersion = defaultBuildVersion());

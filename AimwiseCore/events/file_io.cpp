@@ -6,6 +6,10 @@
 #include <cerrno>
 #include <system_error>
 
+#include "AimwiseCore/events/event_log_writer.h"
+#include "CaptureShared/common/atomic_file.h"
+#include "CaptureShared/common/line_append.h"
+
 namespace aimwise::events_io {
 
 FileAttributes attributesOf(const struct stat& info) {
@@ -35,14 +39,15 @@ void createDirectories(const std::filesystem::path& directory, mode_t mode) {
                                                 std::error_code(errno, std::generic_category()));
 }
 
-AppendResult appendOnce(const std::filesystem::path& file, std::string_view line, mode_t mode) {
-    const int fd = ::open(file.c_str(), O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC, mode);
-    if (fd < 0) return {AppendFailure::openFailed, errno, 0};
-    const ssize_t written = ::write(fd, line.data(), line.size());
-    const int error = errno;
-    ::close(fd);
-    if (written != static_cast<ssize_t>(line.size())) return {AppendFailure::shortWrite, error, static_cast<int64_t>(written)};
-    return {};
+void appendLine(const std::filesystem::path& file, std::string_view line) {
+    const LineAppend::Result result = LineAppend::append(file, line, 0600);
+    switch (result.failure) {
+        case LineAppend::Failure::none: return;
+        case LineAppend::Failure::openFailed:
+            throw EventLogWriterError{EventLogWriterError::Kind::openFailed, result.error};
+        case LineAppend::Failure::shortWrite:
+            throw EventLogWriterError{EventLogWriterError::Kind::shortWrite, result.error, result.expected, result.written};
+    }
 }
 
 bool readAt(int fd, int64_t offset, int64_t length, std::string& out) {
@@ -67,7 +72,11 @@ FileDescriptor::~FileDescriptor() {
 }
 
 FileDescriptor openForReading(const std::filesystem::path& path) {
-    return FileDescriptor(::open(path.c_str(), O_RDONLY | O_CLOEXEC));
+    try {
+        return FileDescriptor(openRegularFileForReading(path));
+    } catch (const std::filesystem::filesystem_error&) {
+        return FileDescriptor();
+    }
 }
 
 }  // namespace aimwise::events_io

@@ -25,15 +25,8 @@ FileAttributes attributes(const std::filesystem::path& path);
 // mkdir -p with every created directory at `mode`. Throws std::filesystem::filesystem_error.
 void createDirectories(const std::filesystem::path& directory, mode_t mode = 0700);
 
-enum class AppendFailure { none, openFailed, shortWrite };
-struct AppendResult {
-    AppendFailure failure = AppendFailure::none;
-    int error = 0;         // errno of a failed open or write
-    int64_t written = 0;   // what write() returned, for a short write
-};
-// One open(O_APPEND), one write() of the whole line, one close: concurrent appenders of whole
-// lines then never interleave.
-AppendResult appendOnce(const std::filesystem::path& file, std::string_view line, mode_t mode = 0600);
+// Appends one whole line (see LineAppend) and throws EventLogWriterError for what went wrong.
+void appendLine(const std::filesystem::path& file, std::string_view line);
 
 // Reads up to `length` bytes at `offset`; fewer at end of file. Returns false on an error.
 bool readAt(int fd, int64_t offset, int64_t length, std::string& out);
@@ -52,6 +45,7 @@ private:
     int fd_;
 };
 
+// A regular file opened without blocking; an invalid descriptor for anything else.
 FileDescriptor openForReading(const std::filesystem::path& path);
 
 }  // namespace aimwise::events_io

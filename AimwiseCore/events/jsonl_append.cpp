@@ -16,11 +16,7 @@ void append(const JSONValue::Object& row, const std::filesystem::path& to) {
     }
     std::replace(line.begin(), line.end(), '\n', ' ');
     line.push_back('\n');
-    const auto result = events_io::appendOnce(to, line, 0600);
-    if (result.failure == events_io::AppendFailure::openFailed)
-        throw AppendError{AppendError::Kind::openFailed, result.error};
-    if (result.failure == events_io::AppendFailure::shortWrite)
-        throw AppendError{AppendError::Kind::shortWrite, result.error, static_cast<int64_t>(line.size()), result.written};
+    events_io::appendLine(to, line);
 }
 
 }  // namespace aimwise::JSONLAppend

@@ -31,6 +31,11 @@ constexpr size_t tickTailBytes = 8'192;
 constexpr size_t eventTailBytes = 16'384;
 
 std::optional<int64_t> firstEventAtOrAfter(const fs::path& path, int64_t floorMs) {
+    try {
+        requireRegularFileIfPresent(path);
+    } catch (const std::filesystem::filesystem_error&) {
+        return std::nullopt;
+    }
     std::ifstream in(path);
     std::string line;
     while (in && std::getline(in, line))
@@ -60,7 +65,8 @@ NewestDigest newestDigest(const fs::path& dataRoot, const std::set<int64_t>& sta
 }  // namespace
 
 std::vector<std::string> tailLines(const fs::path& path, size_t bytes) {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC);
+    // Without O_NONBLOCK a FIFO in the log's place would hold the open until someone writes to it.
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
     if (fd < 0) return {};
     struct stat info {};
     std::string data;

@@ -6,6 +6,7 @@
 #include <string_view>
 
 #include "AimwiseCore/coach/coach_gate_timeline.h"
+#include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/common/utf8.h"
 
@@ -79,6 +80,7 @@ LogForDigests readForDigests(const std::filesystem::path& eventsLog, int64_t flo
     LogForDigests log;
     std::error_code error;
     if (!std::filesystem::exists(eventsLog, error)) return log;
+    requireRegularFileIfPresent(eventsLog);
     std::ifstream in(eventsLog, std::ios::binary);
     if (!in)
         throw std::filesystem::filesystem_error("could not read the event log", eventsLog,

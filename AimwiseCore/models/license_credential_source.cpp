@@ -26,7 +26,7 @@ LicenseCredential FileLicenseCredentialSource::credential() {
                                              "` to use it. Nothing was sent");
     std::string text;
     try {
-        text = readWholeFile(path_);
+        text = readWholeFile(path_, ReadLimit::setting);
     } catch (const std::exception&) {
         throw MerlProxyError::licenseMissing("the coach service credential " + where + " could not be read");
     }

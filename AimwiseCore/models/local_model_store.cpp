@@ -1,6 +1,7 @@
 #include "AimwiseCore/models/local_model_store.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
 #include <cstdio>
@@ -48,7 +49,7 @@ std::string lowercased(std::string text) {
 
 json readJSON(const std::filesystem::path& path) {
     try {
-        json value = json::parse(readWholeFile(path), nullptr, false);
+        json value = json::parse(readWholeFile(path, ReadLimit::setting), nullptr, false);
         return value.is_object() ? value : json::object();
     } catch (const std::exception&) {
         return json::object();
@@ -186,8 +187,18 @@ bool LocalModelStore::recordVerified(const LocalModelManifest::File& file, const
 }
 
 std::optional<std::string> LocalModelStore::sha256OfFile(const std::filesystem::path& path) {
-    std::unique_ptr<FILE, int (*)(FILE*)> file(std::fopen(path.c_str(), "rb"), std::fclose);
-    if (!file) return std::nullopt;
+    // A pipe or a device in the model's place would be waited on or read without end.
+    int fd = -1;
+    try {
+        fd = openRegularFileForReading(path);
+    } catch (const std::filesystem::filesystem_error&) {
+        return std::nullopt;
+    }
+    std::unique_ptr<FILE, int (*)(FILE*)> file(::fdopen(fd, "rb"), std::fclose);
+    if (!file) {
+        ::close(fd);
+        return std::nullopt;
+    }
     Sha256 digest;
     std::vector<unsigned char> buffer(1 << 20);
     size_t count;

@@ -21,7 +21,7 @@ StickyProviderSelector::StickyProviderSelector(std::optional<std::filesystem::pa
     // A missing or unreadable state only means starting afresh.
     std::string text;
     try {
-        text = readWholeFile(*stateFile_);
+        text = readWholeFile(*stateFile_, ReadLimit::setting);
     } catch (const std::exception&) {
         return;
     }

@@ -96,7 +96,16 @@ std::optional<std::string_view> token(Outcome outcome) {
 
 bool rawValueLess(Outcome a, Outcome b) { return rawValue(a) < rawValue(b); }
 
+bool holdsRedactionToken(std::string_view text) {
+    for (const SensitiveIdentifierKind kind : allSensitiveIdentifierKinds)
+        if (text.find(aimwise::token(kind)) != std::string_view::npos) return true;
+    return text.find(redactedValueToken) != std::string_view::npos ||
+           text.find(*token(Outcome::withheldIdentifier)) != std::string_view::npos;
+}
+
 bool containsIdentifier(const std::string& text) {
+    // Titles are cleaned before they are stored, so the identifier may already be a token.
+    if (holdsRedactionToken(text)) return true;
     if (!SensitiveIdentifierRedaction::redact(text, SensitiveIdentifierRedaction::Scope::outbound).report.empty())
         return true;
     const std::u16string title = privacy_icu::toUTF16(text);

@@ -28,7 +28,10 @@ std::string sanitize(const std::string& title);
 std::optional<std::string> sanitize(const std::optional<std::string>& title);
 inline std::string sanitize(const char* title) { return sanitize(std::string(title)); }
 std::string genericToken(SensitiveSites::Category category);
+// True as well for a text that holds a redaction token: the identifier was there before cleaning.
 bool containsIdentifier(const std::string& text);
+// A token of SensitiveIdentifierRedaction, redactedValueToken or the withheld-title token.
+bool holdsRedactionToken(std::string_view text);
 // Replaces only the identifier values, for text whose rest may stay (e.g. a reason the model wrote).
 std::string redactIdentifierValues(const std::string& text);
 // How many of each outcome's tokens a text holds; only counts above zero are entered.

@@ -3,6 +3,8 @@
 #include <gtest/gtest.h>
 #include <sys/stat.h>
 
+#include <limits>
+
 #include "AimwiseCore/classifier/power_policy.h"
 #include "tests/support/temp_dir.h"
 
@@ -208,6 +210,21 @@ TEST(CadenceScript, AClockMovedBackwardsNeverGivesANegativeWait) {
     // And the state after a judgment at the earlier clock holds no negative run.
     const auto after = advanced(state, state.lastJudgedAtMs - 3'600'000, "NOT_ALIGNED", "Editor", "main.cpp", false, {}, {});
     EXPECT_GE(after.interval({}), 60);
+}
+
+// Far-end times from a damaged file saturate (the sanitizer build halts on signed overflow).
+TEST(CadenceScript, FarEndTimesFromADamagedFileSaturate) {
+    constexpr int64_t low = std::numeric_limits<int64_t>::min(), high = std::numeric_limits<int64_t>::max();
+    State damaged;
+    damaged.lastRanAtMs = damaged.runStartedAtMs = low;
+    damaged.lastJudgedAtMs = high;
+    const Config config;
+    EXPECT_EQ(damaged.interval(config), config.ceilingSec);
+    damaged.lastJudgedAtMs = low;
+    EXPECT_EQ(decide(high, damaged, "Editor", "main.cpp", false, Episode{std::nullopt, std::nullopt, high}, config),
+              Decision(Judge{Reason::ceilingReached}));
+    EXPECT_EQ(advanced(damaged, t0, "ON_TASK", "Editor", "main.cpp", false, {}, config).runStartedAtMs, t0)
+        << "so long a silence starts a new run";
 }
 
 TEST(CadenceScript, AMovedVerdictKeepsThreeJudgmentsAtTheFloor) {

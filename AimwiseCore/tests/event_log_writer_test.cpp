@@ -58,9 +58,13 @@ TEST(EventLogWriterStamp, EveryLineSaysWhichProcessWroteIt) {
 TEST(EventLogWriterFiles, CreatesAPrivateDirectoryAndFileAndAppendsWholeLines) {
     TempDir dir;
     const auto path = dir / "root" / "io-layer" / "events.jsonl";
+    // A root with none of the system's files, like an unmounted disk's mount point, gets nothing.
+    std::filesystem::create_directories(dir / "root");
+    EXPECT_THROW(EventLogWriter::append(sample(1), path), EventLogWriterError);
+    EXPECT_FALSE(std::filesystem::exists(dir / "root" / "io-layer"));
+    testing::writeFile(dir / "root" / "manifest.json", "{}");
     EventLogWriter::append(sample(1, JSONValue::Object{{"note", "two\nlines"}}), path, "Test", "9");
     EventLogWriter::append(std::vector<EventLogEvent>{sample(2), sample(3)}, path);
-    EXPECT_EQ(modeOf(dir / "root"), 0700u);
     EXPECT_EQ(modeOf(dir / "root" / "io-layer"), 0700u);
     EXPECT_EQ(modeOf(path), 0600u);
 
@@ -154,6 +158,7 @@ TEST(EventLogWriterConcurrency, EightProcessesAppendingLargeLinesNeverInterleave
     };
 
     TempDir dir;
+    testing::writeFile(dir / "manifest.json", "{}");
     const auto path = dir / "io-layer" / "events.jsonl";
     const auto started = std::chrono::steady_clock::now();
     std::vector<pid_t> children;

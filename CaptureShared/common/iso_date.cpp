@@ -1,5 +1,6 @@
 #include "CaptureShared/common/iso_date.h"
 
+#include <algorithm>
 #include <chrono>
 #include <cstdio>
 
@@ -24,6 +25,9 @@ bool digits(std::string_view text, size_t at, size_t count, int& out) {
 }  // namespace
 
 std::string format(int64_t ms) {
+    // Years 0001 to 9999: a time read from a damaged file still prints, at the nearer end.
+    constexpr int64_t firstMs = -62'135'596'800'000, lastMs = 253'402'300'799'999;
+    ms = std::clamp(ms, firstMs, lastMs);
     const int64_t seconds = floorDiv(ms, 1000);
     const int64_t days = floorDiv(seconds, 86400);
     const int64_t secondOfDay = seconds - days * 86400;

@@ -1,6 +1,7 @@
 #include "CaptureShared/common/text.h"
 
 #include <charconv>
+#include <cstdio>
 #include <cmath>
 
 #include "CaptureShared/common/utf8.h"
@@ -48,6 +49,25 @@ std::string shortestRoundTrip(double value) {
     // Whole numbers keep one decimal, as a double prints elsewhere in the system.
     if (text.find_first_of(".e") == std::string::npos) text += ".0";
     return text;
+}
+
+std::string escapedForTerminal(std::string_view text, Newlines newlines) {
+    std::string out;
+    out.reserve(text.size());
+    char escape[16];
+    for (const char32_t c : utf8::decode(text)) {
+        const bool control = c < 0x20 || c == 0x7F || (c >= 0x80 && c <= 0x9F);
+        const bool reordering = c == 0x2028 || c == 0x2029 || (c >= 0x202A && c <= 0x202E) || (c >= 0x2066 && c <= 0x2069);
+        if (c == '\n' && newlines == Newlines::kept) {
+            out += '\n';
+        } else if (control || reordering) {
+            std::snprintf(escape, sizeof escape, c < 0x80 ? "\\x%02x" : "\\u{%x}", static_cast<unsigned>(c));
+            out += escape;
+        } else {
+            utf8::append(out, c);
+        }
+    }
+    return out;
 }
 
 }  // namespace aimwise

@@ -28,7 +28,7 @@ json loadRawTop(const fs::path& path) {
     if (!fs::exists(path, ec)) return json::object();
     std::string text;
     try {
-        text = readWholeFile(path);
+        text = readWholeFile(path, ReadLimit::setting);
     } catch (...) {
         throw malformed("config exists but could not be read", path);
     }
@@ -154,7 +154,7 @@ ParseResult parse(std::string_view text) {
 ParseResult load(const std::optional<fs::path>& at) {
     std::string text;
     try {
-        text = readWholeFile(resolve(at));
+        text = readWholeFile(resolve(at), ReadLimit::setting);
     } catch (...) {
         return {};
     }

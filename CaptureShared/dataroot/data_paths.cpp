@@ -61,7 +61,7 @@ std::optional<fs::path> absoluteEnvPath(const char* key) {
 
 std::optional<fs::path> readConfiguredRoot() {
     try {
-        const std::string text = readWholeFile(configPath());
+        const std::string text = readWholeFile(configPath(), ReadLimit::setting);
         const auto json = nlohmann::json::parse(text);
         if (!json.is_object()) return std::nullopt;
         auto it = json.find("dataRoot");
@@ -161,7 +161,7 @@ bool configFileExistsButFailedToParse() {
     std::error_code ec;
     if (!fs::exists(configPath(), ec)) return false;
     try {
-        return !nlohmann::json::parse(readWholeFile(configPath())).is_object();
+        return !nlohmann::json::parse(readWholeFile(configPath(), ReadLimit::setting)).is_object();
     } catch (...) {
         return true;
     }
@@ -177,7 +177,7 @@ void setConfiguredRoot(const fs::path& root) {
     if (fs::exists(path, ec)) {
         std::string text;
         try {
-            text = readWholeFile(path);
+            text = readWholeFile(path, ReadLimit::setting);
         } catch (...) {
             throw ConfigWriteError{ConfigWriteError::Kind::malformedConfig, {}, "config exists but could not be read", {}};
         }

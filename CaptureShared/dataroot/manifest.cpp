@@ -47,7 +47,7 @@ void Manifest::write(const std::filesystem::path& root) const {
 
 std::optional<Manifest> Manifest::read(const std::filesystem::path& root) {
     try {
-        return fromJSON(readWholeFile(root / "manifest.json"));
+        return fromJSON(readWholeFile(root / "manifest.json", ReadLimit::setting));
     } catch (...) {
         return std::nullopt;
     }

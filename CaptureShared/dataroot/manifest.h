@@ -1,5 +1,6 @@
 #pragma once
-// manifest.json at the top of the data root, written by the capture supervisor at capture start.
+// manifest.json at the top of the data root: written by `aimwise init` when it prepares a root (the
+// capture agent starts signals.sqlite only beside one), and by the capture supervisor at capture start.
 #include <cstdint>
 #include <filesystem>
 #include <optional>

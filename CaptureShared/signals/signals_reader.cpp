@@ -1,9 +1,12 @@
 #include "CaptureShared/signals/signals_reader.h"
 
+#include <sys/stat.h>
+
 #include <algorithm>
 #include <cctype>
 #include <cmath>
 
+#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/common/utf8.h"
 #include "CaptureShared/signals/sqlite_statement.h"
 
@@ -56,7 +59,36 @@ constexpr double candidateMinSide = 60.0;
 
 [[noreturn]] void throwQueryFailed(sqlite3* db) {
     const char* message = db ? sqlite3_errmsg(db) : nullptr;
-    throw SignalsReaderError{SignalsReaderError::Kind::queryFailed, message ? message : "unknown sqlite error"};
+    const char* file = db ? sqlite3_db_filename(db, "main") : nullptr;
+    throw SignalsReaderError{SignalsReaderError::Kind::queryFailed, message ? message : "unknown sqlite error",
+                             file ? std::filesystem::path(file) : std::filesystem::path()};
+}
+
+bool mentions(const std::string& message, const char* words) {
+    std::string lowered = message;
+    std::transform(lowered.begin(), lowered.end(), lowered.begin(), [](unsigned char c) { return std::tolower(c); });
+    return lowered.find(words) != std::string::npos;
+}
+
+std::string describeReaderError(SignalsReaderError::Kind kind, const std::string& message,
+                                const std::filesystem::path& path) {
+    const std::string file = path.empty() ? std::string("the signals database") : path.string();
+    const std::string said = (kind == SignalsReaderError::Kind::openFailed ? "could not open " : "could not read ") +
+                             file + " (" + message + ")";
+    std::error_code ignored;
+    if (kind == SignalsReaderError::Kind::openFailed && !path.empty() && !std::filesystem::exists(path, ignored))
+        return said + ": nothing has been recorded there yet — check that the disk holding the data root is mounted "
+                      "and that aimwise-capture is running";
+    if (mentions(message, "not a regular file"))
+        return said + ": move it aside, and aimwise-capture starts a new signals.sqlite";
+    if (mentions(message, "no such table"))
+        return said + ": it holds no signals yet — aimwise-capture adds them with its next sample; if it is not "
+                      "running, move the file aside and start it";
+    if (mentions(message, "not a database") || mentions(message, "malformed"))
+        return said + ": it is not a readable signals database — move it aside, and aimwise-capture starts a new one";
+    if (mentions(message, "locked") || mentions(message, "busy"))
+        return said + ": another program is holding it — try again in a moment";
+    return said + " — check the file's permissions and the disk it is on";
 }
 
 void requirePrepared(const sqlite::Statement& statement, sqlite3* db) {
@@ -108,14 +140,16 @@ std::optional<int64_t> newestTsMs(sqlite3* db, std::string sql, std::optional<in
 
 }  // namespace
 
-SignalsReaderError::SignalsReaderError(Kind kind, std::string message)
-    : Error(std::string(kind == Kind::openFailed ? "openFailed" : "queryFailed") + "(\"" + message + "\")"),
-      kind(kind),
-      message(std::move(message)) {}
+SignalsReaderError::SignalsReaderError(Kind kind, std::string message, std::filesystem::path path)
+    : Error(describeReaderError(kind, message, path)), kind(kind), message(std::move(message)), path(std::move(path)) {}
 
 void SignalsReader::Close::operator()(sqlite3* db) const { sqlite3_close_v2(db); }
 
 SignalsReader SignalsReader::open(const std::filesystem::path& path) {
+    struct stat info {};
+    // A FIFO in the file's place would block the open, and a device would be read without end.
+    if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode))
+        throw SignalsReaderError{SignalsReaderError::Kind::openFailed, "not a regular file", path};
     const std::string uri = "file:" + uriPath(path.string()) + "?mode=ro";
     sqlite3* raw = nullptr;
     // No connection mutex: a reader is used by one thread at a time, and locking around every column
@@ -124,7 +158,7 @@ SignalsReader SignalsReader::open(const std::filesystem::path& path) {
         SQLITE_OK) {
         std::string message = raw ? sqlite3_errmsg(raw) : "sqlite3_open_v2 failed";
         sqlite3_close_v2(raw);
-        throw SignalsReaderError{SignalsReaderError::Kind::openFailed, std::move(message)};
+        throw SignalsReaderError{SignalsReaderError::Kind::openFailed, std::move(message), path};
     }
     // The capture agent's checkpoints hold the lock for a moment; wait that out rather than fail.
     sqlite3_busy_timeout(raw, 1000);
@@ -142,7 +176,7 @@ std::optional<SignalsReader::TickRow> SignalsReader::latestTick(std::optional<in
 std::vector<AppMinutes> SignalsReader::recentApps(int64_t referenceMs, int64_t windowMs) const {
     sqlite::Statement s(db_.get(), recentAppsSQL);
     requirePrepared(s, db_.get());
-    s.bind(1, referenceMs - windowMs);
+    s.bind(1, Saturating::subtract(referenceMs, windowMs));
     s.bind(2, referenceMs);
     std::vector<AppMinutes> apps;
     while (s.step()) {
@@ -233,11 +267,11 @@ SignalsReader::PresenceGapResult SignalsReader::presenceGap(int64_t beforeMs, in
         const int64_t tsMs = s.int64(0);
         const bool present = isPresent();
         if (!inAbsence && present) {
-            if (previousMs && *previousMs - tsMs > maxContinuityGapMs) return PresenceGap{tickRowFrom(s), runStartMs};
+            if (previousMs && Saturating::subtract(*previousMs, tsMs) > maxContinuityGapMs) return PresenceGap{tickRowFrom(s), runStartMs};
             runStartMs = tsMs;
         } else {
             inAbsence = true;
-            if (runStartMs - tsMs > withinMs) return GapExceedsWindow{runStartMs};
+            if (Saturating::subtract(runStartMs, tsMs) > withinMs) return GapExceedsWindow{runStartMs};
             if (present) return PresenceGap{tickRowFrom(s), runStartMs};
         }
         previousMs = tsMs;

@@ -17,12 +17,13 @@ struct sqlite3;
 
 namespace aimwise {
 
-// Described as the case and its message, e.g. openFailed("unable to open database file").
+// Described for a person: the file, SQLite's words, and what to do about it.
 struct SignalsReaderError : Error {
     enum class Kind { openFailed, queryFailed };
-    SignalsReaderError(Kind kind, std::string message);
+    SignalsReaderError(Kind kind, std::string message, std::filesystem::path path = {});
     Kind kind;
-    std::string message;
+    std::string message;  // SQLite's own words
+    std::filesystem::path path;
 };
 
 class SignalsReader {
@@ -86,7 +87,8 @@ public:
         bool operator==(const WindowExtent&) const = default;
     };
 
-    // Opens "file:<path>?mode=ro". Throws SignalsReaderError (openFailed).
+    // Opens "file:<path>?mode=ro"; anything but a regular file is refused without being opened.
+    // Throws SignalsReaderError (openFailed).
     static SignalsReader open(const std::filesystem::path& path);
 
     SignalsReader(SignalsReader&&) noexcept = default;

@@ -1,5 +1,7 @@
 #include "CaptureShared/signals/sqlite_db.h"
 
+#include <sys/stat.h>
+
 #include <cstdio>
 
 #include "CaptureShared/signals/sqlite_statement.h"
@@ -17,15 +19,25 @@ void writeToStandardError(const std::string& text) { std::fwrite(text.data(), 1,
 
 }  // namespace
 
+SQLiteError::SQLiteError(Kind kind, std::string message, const std::filesystem::path& path)
+    : Error("could not open " + (path.empty() ? std::string("the database") : path.string()) + " for writing (" +
+            message + ") — check that its folder is writable and its disk has room; nothing was recorded"),
+      kind(kind),
+      message(std::move(message)) {}
+
 void SQLiteDB::Close::operator()(sqlite3* db) const { sqlite3_close_v2(db); }
 
 SQLiteDB SQLiteDB::open(const std::filesystem::path& path) {
+    struct stat info {};
+    // A FIFO in the file's place would block the open.
+    if (::stat(path.c_str(), &info) == 0 && !S_ISREG(info.st_mode))
+        throw SQLiteError{SQLiteError::Kind::openFailed, "not a regular file", path};
     sqlite3* raw = nullptr;
     const int rc = sqlite3_open_v2(path.c_str(), &raw, SQLITE_OPEN_READWRITE | SQLITE_OPEN_CREATE, nullptr);
     if (rc != SQLITE_OK) {
         std::string message = raw ? messageOf(raw) : sqlite3_errstr(rc);
         sqlite3_close_v2(raw);
-        throw SQLiteError{SQLiteError::Kind::openFailed, std::move(message)};
+        throw SQLiteError{SQLiteError::Kind::openFailed, std::move(message), path};
     }
     SQLiteDB db(raw);
     db.exec("PRAGMA journal_mode=WAL;");

@@ -16,13 +16,12 @@ struct sqlite3;
 
 namespace aimwise {
 
-// Described as openFailed("<sqlite's message>").
+// Described for a person: the file, SQLite's words, and what to do about it.
 struct SQLiteError : Error {
     enum class Kind { openFailed };
-    SQLiteError(Kind kind, std::string message)
-        : Error("openFailed(\"" + message + "\")"), kind(kind), message(std::move(message)) {}
+    SQLiteError(Kind kind, std::string message, const std::filesystem::path& path = {});
     Kind kind = Kind::openFailed;
-    std::string message;
+    std::string message;  // SQLite's own words
 };
 
 // One positional parameter of `SQLiteDB::insert`: absent, integer, float, boolean or text.

@@ -1,5 +1,6 @@
 #include "CaptureShared/staleness/capture_removal_intent.h"
 
+#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/staleness/json_fields.h"
 #include "CaptureShared/staleness/small_json_file.h"
 
@@ -23,7 +24,7 @@ std::optional<CaptureRemovalIntent> read(const std::filesystem::path& directory)
 void clear(const std::filesystem::path& directory) { SmallJSONFile::remove(directory / fileName); }
 
 bool isSuperseded(const CaptureRemovalIntent& intent, std::optional<int64_t> captureActivityAtMs, int64_t marginMs) {
-    return captureActivityAtMs && *captureActivityAtMs > intent.removedAtMs + marginMs;
+    return captureActivityAtMs && *captureActivityAtMs > Saturating::add(intent.removedAtMs, marginMs);
 }
 
 }  // namespace aimwise::CaptureRemovalIntentStore

@@ -1,12 +1,13 @@
 #include "CaptureShared/staleness/signals_stale_note.h"
 
+#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/staleness/json_fields.h"
 #include "CaptureShared/staleness/small_json_file.h"
 
 namespace aimwise::SignalsStaleNoteStore {
 
 bool isCurrent(const SignalsStaleNote& note, int64_t nowMs) {
-    const double ageSec = static_cast<double>(nowMs - note.updatedAtMs) / 1000.0;
+    const double ageSec = static_cast<double>(Saturating::subtract(nowMs, note.updatedAtMs)) / 1000.0;
     return ageSec >= 0.0 && ageSec <= confirmationStaleAfterSec;
 }
 

@@ -1,6 +1,7 @@
 #include "CaptureShared/staleness/signals_staleness.h"
 
 #include "CaptureShared/common/iso_date.h"
+#include "CaptureShared/common/saturating.h"
 
 namespace aimwise::SignalsStaleness {
 
@@ -9,19 +10,21 @@ Decision decide(const Pause& pause, std::optional<int64_t> latestTickMs, int64_t
     if (!latestTickMs) return NotChecked{};
     const int64_t latest = *latestTickMs;
     const bool classifierWasAwake =
-        classifierLastRanAtMs && nowMs - *classifierLastRanAtMs <= regimeGapSec * 1000;
+        classifierLastRanAtMs && Saturating::subtract(nowMs, *classifierLastRanAtMs) <=
+                                     Saturating::multiply(regimeGapSec, 1000);
 
     std::optional<int64_t> pauseStartMs;
     if (const auto* active = std::get_if<PauseActive>(&pause)) pauseStartMs = active->startedAtMs;
 
     if (!pauseStartMs || *pauseStartMs <= latest) {
-        const int64_t gapMs = nowMs - latest;
+        const int64_t gapMs = Saturating::subtract(nowMs, latest);
         if (gapMs <= thresholdMs) return Fresh{};
         if (classifierWasAwake) return StaleConfirmed{gapMs, latest};
         return StaleButUntrustworthy{gapMs};
     }
     // A pause explains a silent database only for the threshold's length.
-    if (nowMs - *pauseStartMs >= thresholdMs && classifierWasAwake) return StaleConfirmed{nowMs - latest, latest};
+    if (Saturating::subtract(nowMs, *pauseStartMs) >= thresholdMs && classifierWasAwake)
+        return StaleConfirmed{Saturating::subtract(nowMs, latest), latest};
     return PredatesPause{latest, *pauseStartMs};
 }
 
@@ -33,7 +36,7 @@ std::string reason(int64_t gapMs, int64_t lastTickAtMs) {
 std::string reasonPredatesPause(int64_t lastTickAtMs, int64_t pauseStartedAtMs, int64_t nowMs) {
     return "recording is paused (since " + ISODate::format(pauseStartedAtMs) +
            ") and the newest signals.sqlite row is from " + ISODate::format(lastTickAtMs) +
-           ", before the pause began (~" + humanDuration(nowMs - lastTickAtMs) +
+           ", before the pause began (~" + humanDuration(Saturating::subtract(nowMs, lastTickAtMs)) +
            " ago) — not judged; waiting for Signals to write a current row";
 }
 

@@ -1,6 +1,8 @@
 #include "CaptureShared/signals/signals_reader.h"
 
 #include <gtest/gtest.h>
+
+#include <limits>
 #include <sqlite3.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -214,6 +216,10 @@ TEST(SignalsReaderPresenceGap, AnAbsenceReachingPastTheWindowOrTheRowsExceedsIt)
     // The limit ends the walk the same way.
     EXPECT_EQ(walk({appTick(t0 - 20 * minute, "A"), appTick(t0 - 10 * minute, "A", 400.0), appTick(t0 - minute, "A")}, 2),
               exceeds);
+    // A row dated at the far end of the range by a damaged file breaks the run; nothing overflows.
+    const int64_t farPast = std::numeric_limits<int64_t>::min();
+    EXPECT_EQ(walk({appTick(farPast, "A"), appTick(t0 - minute, "A")}), gap(farPast, t0 - minute));
+    EXPECT_EQ(walk({appTick(farPast, "A", 999.0), appTick(t0 - minute, "A")}), exceeds);
 }
 
 void expectReaderError(const std::function<void()>& action, const std::string& description) {
@@ -227,21 +233,32 @@ void expectReaderError(const std::function<void()>& action, const std::string& d
 
 TEST(SignalsReaderErrors, OpeningAndPreparingFailWithTheLibrarysWords) {
     TempDir dir;
-    expectReaderError([&] { Reader::open(dir / "absent.sqlite"); }, "openFailed(\"unable to open database file\")");
+    const std::string at = dir.path().string();
+    expectReaderError([&] { Reader::open(dir / "absent.sqlite"); },
+                      "could not open " + at + "/absent.sqlite (unable to open database file): nothing has been "
+                      "recorded there yet — check that the disk holding the data root is mounted and that "
+                      "aimwise-capture is running");
     EXPECT_FALSE(std::filesystem::exists(dir / "absent.sqlite"));
 
     testing::writeFile(dir / "text.sqlite", std::string(8192, 'x'));
     Reader notADatabase = Reader::open(dir / "text.sqlite");
-    expectReaderError([&] { notADatabase.latestTick(); }, "queryFailed(\"file is not a database\")");
-    expectReaderError([&] { notADatabase.cachedEstimateMinutes("x"); }, "queryFailed(\"file is not a database\")");
+    const std::string notADatabaseSaid = "could not read " + at +
+                                         "/text.sqlite (file is not a database): it is not a readable signals "
+                                         "database — move it aside, and aimwise-capture starts a new one";
+    expectReaderError([&] { notADatabase.latestTick(); }, notADatabaseSaid);
+    expectReaderError([&] { notADatabase.cachedEstimateMinutes("x"); }, notADatabaseSaid);
 
     { SQLiteDB::open(dir / "empty.sqlite").exec("CREATE TABLE unrelated (x)"); }
     expectReaderError([&] { Reader::open(dir / "empty.sqlite").recentApps(0, 1); },
-                      "queryFailed(\"no such table: ticks\")");
+                      "could not read " + at +
+                          "/empty.sqlite (no such table: ticks): it holds no signals yet — aimwise-capture adds them "
+                          "with its next sample; if it is not running, move the file aside and start it");
 
     Reader reader = Reader::open(dir / "empty.sqlite");
     Reader taken = std::move(reader);
-    expectReaderError([&] { reader.latestTick(); }, "queryFailed(\"unknown sqlite error\")");  // NOLINT
+    expectReaderError([&] { reader.latestTick(); },  // NOLINT
+                      "could not read the signals database (unknown sqlite error) — check the file's permissions "
+                      "and the disk it is on");
 
     // '?', '#' and '%' in a path are not URI syntax.
     SignalsFixture(dir / "odd ?name#with%41.sqlite").tick({.tsMs = 42});
@@ -260,7 +277,9 @@ TEST(SignalsReaderErrors, ALockedDatabaseIsAQueryFailureNotACrash) {
     ASSERT_EQ(sqlite3_exec(holder, "BEGIN EXCLUSIVE; INSERT INTO ticks (ts_ms) VALUES (2);", nullptr, nullptr, nullptr),
               SQLITE_OK);
     Reader reader = Reader::open(path);
-    expectReaderError([&] { reader.latestTick(); }, "queryFailed(\"database is locked\")");
+    expectReaderError([&] { reader.latestTick(); }, "could not read " + path.string() +
+                                                         " (database is locked): another program is holding it — "
+                                                         "try again in a moment");
     sqlite3_exec(holder, "COMMIT", nullptr, nullptr, nullptr);
     sqlite3_close(holder);
     EXPECT_EQ(reader.latestTick()->tsMs, 2);

@@ -2,7 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <limits>
+
 #include "CaptureShared/common/iso_date.h"
+#include "CaptureShared/staleness/capture_removal_intent.h"
+#include "CaptureShared/staleness/signals_stale_note.h"
 
 namespace aimwise {
 namespace {
@@ -91,6 +95,23 @@ TEST(ISODate, FormatsUTCAtWholeSecondsAndParsesOnlyInternetDateTimes) {
         EXPECT_EQ(ISODate::parse(bad), std::nullopt) << bad;
     for (int64_t ms : {int64_t{0}, int64_t{-86'400'000}, int64_t{253'402'300'799'000}})
         EXPECT_EQ(ISODate::parse(ISODate::format(ms)), ms);
+}
+
+// Far-end times from damaged files saturate (the sanitizer build halts on signed overflow).
+TEST(SignalsStalenessExtremes, FarEndTimesSaturateInsteadOfOverflowing) {
+    constexpr int64_t low = std::numeric_limits<int64_t>::min(), high = std::numeric_limits<int64_t>::max();
+    EXPECT_EQ(decide(PauseNone{}, low, high, high, threshold, regimeGapSec), Decision{(StaleConfirmed{high, low})});
+    EXPECT_EQ(decide(PauseNone{}, low, high, low, threshold, regimeGapSec), Decision{StaleButUntrustworthy{high}});
+    EXPECT_EQ(decide(PauseNone{}, high, low, low, threshold, regimeGapSec), Decision{Fresh{}});
+    EXPECT_EQ(decide(PauseActive{low + 1}, low, high, high, threshold, regimeGapSec),
+              Decision{(StaleConfirmed{high, low})});
+    EXPECT_EQ(reasonPredatesPause(low, high, high),
+              "recording is paused (since 9999-12-31T23:59:59Z) and the newest signals.sqlite row is from "
+              "0001-01-01T00:00:00Z, before the pause began (~2562047788015h12m ago) — not judged; waiting for "
+              "Signals to write a current row");
+    EXPECT_FALSE(CaptureRemovalIntentStore::isSuperseded({high}, high, 60'000));
+    EXPECT_FALSE(SignalsStaleNoteStore::isCurrent({0, low}, high));
+    EXPECT_FALSE(SignalsStaleNoteStore::isCurrent({0, high}, low));
 }
 
 }  // namespace

@@ -57,7 +57,9 @@ TEST(SQLiteDBOpen, CreatesTheFileInWALModeOrRaisesTheLibrarysMessage) {
     } catch (const SQLiteError& error) {
         EXPECT_EQ(error.kind, SQLiteError::Kind::openFailed);
         EXPECT_EQ(error.message, "unable to open database file");
-        EXPECT_EQ(error.description(), "openFailed(\"unable to open database file\")");
+        EXPECT_EQ(error.description(), "could not open " + (dir / "no-such-dir" / "signals.sqlite").string() +
+                                           " for writing (unable to open database file) — check that its folder "
+                                           "is writable and its disk has room; nothing was recorded");
     }
 }
 

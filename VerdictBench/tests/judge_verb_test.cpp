@@ -85,7 +85,7 @@ TEST_F(ClassifierVerbs, AMissingDatabaseFailsWithTheReadersError) {
     std::filesystem::create_directories(root());
     const auto result = run({"judge"});
     EXPECT_EQ(result.exitStatus, 1);
-    EXPECT_EQ(result.standardError, "FAIL: openFailed(\"unable to open database file\")\n");
+    EXPECT_EQ(result.standardError, "FAIL: " + testing::missingSignals(root() / "signals.sqlite") + "\n");
 }
 
 TEST_F(ClassifierVerbs, JudgeAtAPastInstantShowsThatRowCapturesNothingAndWritesNothing) {

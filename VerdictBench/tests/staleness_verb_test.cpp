@@ -141,7 +141,7 @@ TEST_F(StalenessVerb, AnUnopenableDatabaseFailsWithTheReadersError) {
     const auto result = run();
     EXPECT_EQ(result.exitStatus, 1);
     EXPECT_EQ(result.standardOutput, "");
-    EXPECT_EQ(result.standardError, "FAIL: openFailed(\"unable to open database file\")\n");
+    EXPECT_EQ(result.standardError, "FAIL: " + testing::missingSignals(root() / "signals.sqlite") + "\n");
 }
 
 }  // namespace

@@ -2,9 +2,12 @@
 
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <charconv>
 #include <cmath>
 #include <cstdio>
+#include <cstring>
 #include <iostream>
 
 #include "AimwiseCore/classifier/cadence.h"
@@ -16,10 +19,14 @@
 #include "AimwiseCore/models/local_inference_endpoint.h"
 #include "AimwiseCore/models/local_model_store.h"
 #include "AimwiseCore/models/model_backend_error.h"
+#include "AimwiseCore/privacy/safe_text.h"
+#include "CaptureShared/common/atomic_file.h"
 #include "CaptureShared/common/environment.h"
+#include "CaptureShared/common/saturating.h"
 #include "CaptureShared/common/text.h"
 #include "CaptureShared/dataroot/agent_config.h"
 #include "CaptureShared/dataroot/data_paths.h"
+#include "CaptureShared/dataroot/manifest.h"
 #include "CaptureShared/dataroot/model_provisioning.h"
 #include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/staleness/recording_pause.h"
@@ -57,6 +64,7 @@ const char* const usageText =
 namespace {
 
 constexpr const char* processName = "aimwise";
+constexpr size_t verdictTailBytes = 64 * 1024;
 
 int usage(const std::string& message) {
     std::fprintf(stderr, "aimwise: %s\n%s", message.c_str(), usageText);
@@ -68,7 +76,8 @@ int failed(const std::string& message) {
     return 1;
 }
 
-void line(const std::string& text) { std::printf("%s\n", text.c_str()); }
+// Everything shown may hold a window title or a model's words: escaped, so it cannot drive the terminal.
+void line(const std::string& text) { std::printf("%s\n", escapedForTerminal(text).c_str()); }
 
 std::optional<double> positiveNumber(const std::string& text) {
     double value = 0;
@@ -97,22 +106,50 @@ std::string summarised(const std::string& body) {
     return "\"" + task + "\"" + (notes.empty() ? "" : " (" + join(notes, "; ") + ")");
 }
 
+bool landed(const TaskRequest& request, const std::optional<std::string>& body) {
+    if (!body) return false;
+    if (std::holds_alternative<TaskClear>(request)) return body->empty();
+    return body->starts_with("Task: " + std::get<TaskDeclaration>(request).task + "\n");
+}
+
+std::string appendProblem(const EventLogWriterError& error) {
+    using Kind = EventLogWriterError::Kind;
+    if (error.kind == Kind::shortWrite)
+        return "only " + std::to_string(std::max<int64_t>(error.actual, 0)) + " of " + std::to_string(error.expected) +
+               " bytes were written, so the disk is probably full; free some space and try again";
+    if (error.kind != Kind::openFailed) return error.description();
+    switch (error.error) {
+        case ENOSPC: return "the disk is full; free some space and try again";
+        case EACCES: case EPERM: case EROFS:
+            return std::string(std::strerror(error.error)) + "; check that the data root is writable";
+        case EINVAL: case ENXIO: case EISDIR:
+            return "it is not a regular file; move it aside and try again";
+        default: return std::strerror(error.error);
+    }
+}
+
 int runTask(const std::vector<std::string>& arguments, const Clock& clock) {
     const TaskRequest request = parseTask(arguments);
     if (const auto* error = std::get_if<UsageError>(&request)) return usage(error->message);
     if (const auto problem = FirstRun::dataRootProblem()) return failed("nothing was recorded: " + *problem + ".");
+    const fs::path log = DataPaths::eventsLog();
     try {
-        EventLogWriter::append(taskEvent(request, clock.wallMs()), DataPaths::eventsLog(), processName);
+        EventLogWriter::append(taskEvent(request, clock.wallMs()), log, processName);
+    } catch (const EventLogWriterError& error) {
+        if (error.kind == EventLogWriterError::Kind::dataRootEmpty) return failed(error.description() + ".");
+        return failed("the declaration did not land: it could not be written to " + log.string() + " (" +
+                      appendProblem(error) + "). Nothing changed.");
     } catch (const std::exception& error) {
-        return failed("could not append to " + DataPaths::eventsLog().string() + ": " + error.what());
+        return failed("the declaration did not land: it could not be written to " + log.string() + " (" +
+                      error.what() + "). Nothing changed.");
     }
-    if (std::holds_alternative<TaskClear>(request)) {
-        line("Cleared the declared task.");
-    } else {
-        const auto body = EventLog::read();
-        line("Declared " + (body && !body->empty() ? summarised(*body) : std::get<TaskDeclaration>(request).task) +
-             ".");
-    }
+    // What the coach and the capture agent will read, read back the same way.
+    const auto body = EventLog::read();
+    if (!landed(request, body))
+        return failed("the declaration did not land: it was written to " + log.string() +
+                      " but does not read back as the newest one, so it did not take effect. Try again; if this "
+                      "repeats, the file may be damaged.");
+    line(std::holds_alternative<TaskClear>(request) ? "Cleared the declared task." : "Declared " + summarised(*body) + ".");
     return 0;
 }
 
@@ -139,7 +176,7 @@ std::string signalsLine(int64_t now) {
         SignalsStaleness::decide(currentRecordingPause(now), latest->tsMs, now,
                                  cadence ? std::optional(cadence->lastRanAtMs) : std::nullopt,
                                  SignalsStaleness::defaultThresholdMs, regimeGapSec);
-    const std::string age = SignalsStaleness::humanDuration(now - latest->tsMs) + " ago";
+    const std::string age = SignalsStaleness::humanDuration(Saturating::subtract(now, latest->tsMs)) + " ago";
     const std::string front = latest->frontmostApp ? ", front: " + *latest->frontmostApp : "";
     if (std::holds_alternative<SignalsStaleness::Fresh>(decision)) return "Signals: fresh — newest sample " + age + front;
     if (std::holds_alternative<SignalsStaleness::StaleButUntrustworthy>(decision))
@@ -156,7 +193,8 @@ std::string signalsLine(int64_t now) {
 std::vector<std::string> verdictLines() {
     std::vector<ClassifierTick> ticks;
     try {
-        ticks = ClassifierLogReader::read(DataPaths::classifierLog());
+        // The newest verdict is in the last few lines of a log that grows all day.
+        ticks = ClassifierLogReader::parse(readFileTail(DataPaths::classifierLog(), verdictTailBytes));
     } catch (const std::exception&) {
         return {"Verdict: none yet"};
     }
@@ -164,7 +202,8 @@ std::vector<std::string> verdictLines() {
     const ClassifierTick& newest = ticks.back();
     std::vector<std::string> lines{"Verdict: " + newest.state.value_or("(no state)") + " at " + newest.at +
                                    (newest.frontmostApp ? " in " + *newest.frontmostApp : "")};
-    if (newest.reason) lines.push_back("  reason: " + *newest.reason);
+    // Rows from before reasons were cleaned for the log are shown cleaned too.
+    if (newest.reason) lines.push_back("  reason: " + SafeText::cleanReason(*newest.reason).text);
     return lines;
 }
 
@@ -193,7 +232,7 @@ fs::path askForRoot() {
     return answer.empty() ? suggested : DataPaths::expandTilde(answer);
 }
 
-int runInit(const std::vector<std::string>& arguments) {
+int runInit(const std::vector<std::string>& arguments, const Clock& clock) {
     if (arguments.size() > 1) return usage("init takes at most one path");
     fs::path root = arguments.empty() ? askForRoot() : DataPaths::expandTilde(arguments.front());
     std::error_code error;
@@ -203,6 +242,8 @@ int runInit(const std::vector<std::string>& arguments) {
     if (error) return failed("could not create " + root.string() + ": " + error.message());
     DataPaths::hardenAdoptedRoot(root, DataPaths::homeDirectory());
     try {
+        // The mark of a prepared root: the capture agent starts signals.sqlite only beside it.
+        if (!fs::exists(root / "manifest.json", error)) Manifest::make(root.string(), 0, 0, 0, clock.wallMs()).write(root);
         DataPaths::setConfiguredRoot(root);
         const auto added = AgentConfig::seedDefaultEnvIfAbsent(std::nullopt, ModelProvisioning::physicalMemoryBytes());
         line("Data root: " + root.string());
@@ -278,7 +319,9 @@ EventLogEvent taskEvent(const TaskRequest& request, int64_t nowMs) {
     return event;
 }
 
-int run(const std::vector<std::string>& arguments, const Clock& clock) {
+namespace {
+
+int dispatch(const std::vector<std::string>& arguments, const Clock& clock) {
     if (arguments.empty()) return usage("no command given");
     const std::string& command = arguments.front();
     const std::vector<std::string> rest(arguments.begin() + 1, arguments.end());
@@ -289,7 +332,7 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "task") return runTask(rest, clock);
     if (command == "models") return ModelsVerb::run(rest);
     if (command == "status") return rest.empty() ? runStatus(clock) : usage("status takes no arguments");
-    if (command == "init") return runInit(rest);
+    if (command == "init") return runInit(rest, clock);
     if (command == "memory") return MemoryVerb::run(rest);
     if (command == "chat") return ChatVerb::run(rest, processEnvironment(), clock);
     if (command == "label") return LabelVerb::run(rest);
@@ -305,6 +348,19 @@ int run(const std::vector<std::string>& arguments, const Clock& clock) {
     if (command == "uninstall-services") return rest.empty() ? UserServices::uninstall(processEnvironment())
                                                              : usage("uninstall-services takes no arguments");
     return usage("unknown command \"" + command + "\"");
+}
+
+}  // namespace
+
+int run(const std::vector<std::string>& arguments, const Clock& clock) {
+    // The one catch boundary: a bad setting or a failing file ends a command with a sentence, never an abort.
+    try {
+        return dispatch(arguments, clock);
+    } catch (const Error& error) {
+        return failed(error.description());
+    } catch (const std::exception& error) {
+        return failed(error.what());
+    }
 }
 
 }  // namespace aimwise::AimwiseCommand

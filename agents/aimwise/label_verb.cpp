@@ -112,8 +112,9 @@ public:
     int saved = 0, revised = 0, rated = 0, skipped = 0;
 
 private:
+    // Moments quote titles, app names and the model's words: escaped, so they cannot drive the terminal.
     void say(const std::string& text) {
-        std::fputs(text.c_str(), out_);
+        std::fputs(escapedForTerminal(text, Newlines::kept).c_str(), out_);
         std::fflush(out_);
     }
     // Nothing at the end of the input.

@@ -6,6 +6,7 @@
 
 #include "AimwiseCore/events/event_log.h"
 #include "CaptureShared/dataroot/data_paths.h"
+#include "CaptureShared/dataroot/data_root_presence.h"
 #include "CaptureShared/signals/sqlite_db.h"
 #include "CaptureShared/staleness/recording_pause.h"
 #include "agents/capture/idle_split.h"
@@ -13,6 +14,7 @@
 #include "agents/capture/signals_writer.h"
 #include "agents/capture/tick_record.h"
 #include "agents/capture/wayland_notice.h"
+#include "agents/capture/title_cleaner.h"
 #include "platform/desktop_session.h"
 
 namespace aimwise {
@@ -52,9 +54,10 @@ class Agent {
         if (pausedSaid_) say("recording pause over; writing again");
         pausedSaid_ = false;
 
-        const auto snapshot = sampleDesktop(nowMonotonic);
+        auto snapshot = sampleDesktop(nowMonotonic);
         if (!snapshot) return false;
         if (!writer_ && !openWriter()) return false;
+        titles_.clean(*snapshot);
 
         std::optional<IdleSplit::Reading> idle;
         if (snapshot->idleSec)
@@ -70,7 +73,9 @@ class Agent {
         return true;
     }
 
-    int64_t nextDelayMs() const { return rootMissing_ ? options_.rootRetryMs : options_.intervalMs; }
+    int64_t nextDelayMs() const {
+        return rootMissing_ || rootUnprepared_ ? options_.rootRetryMs : options_.intervalMs;
+    }
 
   private:
     bool dataRootReady(int64_t nowMonotonic) {
@@ -90,7 +95,14 @@ class Agent {
             say("signals.sqlite was removed or replaced; starting a new one");
             writer_.reset();
         }
-        return true;
+        // An unmounted disk leaves its empty mount point behind: recording there would fill the system disk.
+        const bool prepared = writer_ || DataRootPresence::readyForNewSignals(DataPaths::dataRoot());
+        if (!prepared && !rootUnprepared_)
+            say(DataRootPresence::unpreparedRootSentence(DataPaths::dataRoot()) + "; checking again every " +
+                std::to_string(options_.rootRetryMs / 1000) + " s");
+        if (prepared && rootUnprepared_) say("data root " + DataPaths::dataRoot().string() + " is ready; recording");
+        rootUnprepared_ = !prepared;
+        return prepared;
     }
 
     bool openWriter() {
@@ -172,10 +184,12 @@ class Agent {
     std::unique_ptr<SignalsWriter> writer_;
     // Its own thread: its faults and waits never hold up sampling.
     std::unique_ptr<Recorder> recorder_;
+    TitleCleaner titles_;
     std::optional<PowerSource::TickColumns> power_;
     int64_t powerReadAtMs_ = 0;
     int64_t nextDisplayAttemptMs_ = 0;
     bool rootMissing_ = false;
+    bool rootUnprepared_ = false;
     bool displayMissing_ = false;
     bool pausedSaid_ = false;
     bool fallbackSaid_ = false;

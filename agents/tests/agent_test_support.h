@@ -28,6 +28,8 @@ struct AgentSandbox {
     AgentSandbox() {
         std::filesystem::create_directories(home);
         std::filesystem::create_directories(root);
+        // As `aimwise init` leaves a root: the capture agent records only in a prepared one.
+        writeFile(root / "manifest.json", "{}\n");
     }
     std::map<std::string, std::string> environment(const std::string& display = "") const {
         std::map<std::string, std::string> env{{"HOME", home.string()},

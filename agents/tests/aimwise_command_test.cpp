@@ -3,6 +3,10 @@
 #include "agents/aimwise/aimwise_command.h"
 
 #include <gtest/gtest.h>
+#include <sys/mount.h>
+
+#include <fstream>
+#include <regex>
 
 #include "AimwiseCore/events/classifier_tick.h"
 #include "AimwiseCore/events/event_log.h"
@@ -107,6 +111,55 @@ TEST_F(AimwiseWithAgentTest, NothingIsDeclaredWithoutADataRoot) {
     EXPECT_EQ(aimwise({"frobnicate"}).exitStatus, 2);
 }
 
+TEST_F(AimwiseWithAgentTest, OnAFullDiskADeclarationThatDidNotLandSaysSoAndTheNextOneIsWhole) {
+    // A small tmpfs over the data root, unmounted when the test ends.
+    if (::mount("tmpfs", sandbox.root.c_str(), "tmpfs", 0, "size=64k,mode=0700") != 0)
+        GTEST_SKIP() << "mounting a small tmpfs is not permitted here, so the full-disk case did not run";
+    const std::unique_ptr<const char, void (*)(const char*)> mounted(sandbox.root.c_str(),
+                                                                     [](const char* at) { ::umount2(at, MNT_DETACH); });
+    writeFile(sandbox.root / "manifest.json", "{}\n");
+    ASSERT_EQ(aimwise({"task", "first"}).exitStatus, 0);
+    for (std::ofstream filler(sandbox.root / "filler"); filler.write(std::string(4096, '\0').data(), 4096);) {
+    }
+    const auto log = sandbox.root / "io-layer/events.jsonl";
+    const ProcessResult cut = aimwise({"task", std::string(6000, 'x')});
+    EXPECT_EQ(cut.exitStatus, 1);
+    EXPECT_TRUE(std::regex_match(cut.standardError, std::regex("FAIL: the declaration did not land: it could not be "
+        "written to " + log.string() + R"( \(only [1-9][0-9]* of 6[0-9]{3} bytes were written, so the disk is probably )"
+        R"(full; free some space and try again\)\. Nothing changed\.\n)"))) << cut.standardError;
+    EXPECT_NE(readFile(log).back(), '\n') << "the line was cut";
+    EXPECT_NE(aimwise({"status"}).standardOutput.find("\nTask: \"first\"\n"), std::string::npos);
+    std::filesystem::remove(sandbox.root / "filler");
+    const ProcessResult next = aimwise({"task", "second"});
+    EXPECT_EQ(next.exitStatus, 0) << next.standardError;
+    EXPECT_EQ(next.standardOutput, "Declared \"second\".\n");
+    const auto events = EventLogReader::read(log);
+    ASSERT_EQ(events.size(), 2u) << "the cut line is left behind alone";
+    EXPECT_EQ(events[1].detail.member("task")->stringValue(), "second");
+}
+
+// The mount point of an unmounted disk is an empty directory on the system disk.
+TEST_F(AimwiseWithAgentTest, AnEmptyDirectoryWhereTheRootShouldBeGetsNothing) {
+    std::filesystem::remove(sandbox.root / "manifest.json");
+    const std::string root = sandbox.root.string();
+    const ProcessResult task = aimwise({"task", "anything"});
+    EXPECT_EQ(task.exitStatus, 1);
+    EXPECT_EQ(task.standardError, "FAIL: nothing was written: the data root " + root +
+                                      " holds none of this system's files, which is how the mount point of an "
+                                      "unmounted disk looks. Mount the disk, or run `aimwise init " + root +
+                                      "` to start a new data root there.\n");
+    XvfbDisplay xvfb;
+    const ProcessResult capture =
+        runProcess(capturePath(), {"--once"}, {.environment = sandbox.environment(xvfb.name())});
+    EXPECT_EQ(capture.exitStatus, 1);
+    EXPECT_EQ(capture.standardError, "aimwise-capture: the data root " + root +
+                                         " holds no signals.sqlite and was not prepared by `aimwise init`, which is "
+                                         "how the mount point of an unmounted disk looks; recording nothing until "
+                                         "the disk is mounted or `aimwise init " + root +
+                                         "` prepares it; checking again every 60 s\n");
+    EXPECT_TRUE(std::filesystem::is_empty(sandbox.root));
+}
+
 TEST_F(AimwiseWithAgentTest, InitConfiguresTheRootOnceAndKeepsWhatIsAlreadySet) {
     const auto root = sandbox.temp / "new-root";
     auto withoutRoot = sandbox.environment();
@@ -150,8 +203,8 @@ TEST_F(AimwiseWithAgentTest, StatusShowsTaskVerdictSignalsAndModelInAFewLines) {
     ClassifierTick verdict;
     verdict.at = "2026-11-22 09:00:00";
     verdict.state = "ON_TASK";
-    verdict.reason = "The report is open in the editor.";
-    verdict.frontmostApp = "Code";
+    verdict.reason = "The report is open in the editor, card 4111 1111 1111 1111.";  // a row from before cleaning
+    verdict.frontmostApp = "Code\x1b[2J";
     writeFile(sandbox.root / "checker-log.jsonl", verdict.encoded() + "\n");
     const int64_t now = std::chrono::duration_cast<std::chrono::milliseconds>(
                             std::chrono::system_clock::now().time_since_epoch()).count();
@@ -159,8 +212,8 @@ TEST_F(AimwiseWithAgentTest, StatusShowsTaskVerdictSignalsAndModelInAFewLines) {
 
     const ProcessResult status = aimwise({"status"});
     EXPECT_NE(status.standardOutput.find("\nTask: \"write the report\" (until "), std::string::npos) << status.standardOutput;
-    EXPECT_NE(status.standardOutput.find("\nVerdict: ON_TASK at 2026-11-22 09:00:00 in Code\n  reason: The report is "
-                                         "open in the editor.\n"),
+    EXPECT_NE(status.standardOutput.find("\nVerdict: ON_TASK at 2026-11-22 09:00:00 in Code\\x1b[2J\n  reason: The "
+                                         "report is open in the editor, card [redacted card number].\n"),
               std::string::npos)
         << status.standardOutput;
     EXPECT_NE(status.standardOutput.find("\nSignals: fresh — newest sample 2s ago, front: Code\n"), std::string::npos)

@@ -44,6 +44,21 @@ protected:
     }
 };
 
+// Titles are cleaned before they are kept; nothing in the data root holds the number afterwards.
+TEST_F(CaptureAgentTest, ACardNumberInATitleNeverReachesTheDisk) {
+    TestWindows windows(xvfb.name());
+    const XWindowId shop = windows.create("Navigator", "firefox", "Pay 4111 1111 1111 1111 \u2014 Mozilla Firefox", 0, 0, 640, 480);
+    windows.publishHints({windows.create("code", "Code", "card 4111-1111-1111-1111.txt - Code", 0, 0, 400, 300), shop}, shop);
+    ASSERT_EQ(captureOnce().exitStatus, 0);
+    EXPECT_EQ(query(sandbox.signals(), "SELECT title FROM windows ORDER BY rowid"),
+              (std::vector<Row>{{"Pay [redacted card number] \u2014 Mozilla Firefox"},
+                                {"card [redacted card number].txt - Code"}}));
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(sandbox.root))
+        for (const char* form : {"1111 1111 1111", "1111-1111-1111", "111111111111"})
+            EXPECT_TRUE(!entry.is_regular_file() || readFile(entry.path()).find(form) == std::string::npos)
+                << entry.path() << " holds " << form;
+}
+
 TEST_F(CaptureAgentTest, OneSampleRecordsTheFrontWindowTheVisibleStackAndIdleTime) {
     TestWindows windows(xvfb.name());
     const XWindowId editor = windows.create("code", "Code", "notes.md - Code", 10, 20, 400, 300, 4242);

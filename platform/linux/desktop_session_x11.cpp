@@ -31,6 +31,8 @@ int countError(Display*, XErrorEvent*) {
 int quietIOError(Display*) { return 0; }
 
 constexpr int64_t fullRefreshIntervalMs = 60'000;
+// A title is read to at most 4 KiB (1024 items of 32 bits, as X counts the length to read).
+constexpr long maxTitleItems = 1024;
 constexpr int layerDesktop = -1;
 constexpr int layerAbove = 3;
 constexpr int layerDock = 20;
@@ -123,7 +125,7 @@ struct X11DesktopSession final : DesktopSession {
         int actualFormat = 0;
         unsigned long count = 0, after = 0;
         unsigned char* data = nullptr;
-        if (XGetWindowProperty(display, window, property, 0, 1024, False, atoms.utf8String, &actualType, &actualFormat,
+        if (XGetWindowProperty(display, window, property, 0, maxTitleItems, False, atoms.utf8String, &actualType, &actualFormat,
                                &count, &after, &data) != Success)
             return std::nullopt;
         std::optional<std::string> text;
@@ -135,8 +137,15 @@ struct X11DesktopSession final : DesktopSession {
 
     std::string title(Window window) {
         if (auto text = utf8Property(window, atoms.wmName)) return *text;
+        // Read through XGetWindowProperty with the same bound as above: XGetWMName would take a
+        // title of any length a client cares to set.
         XTextProperty property{};
-        if (!XGetWMName(display, window, &property) || !property.value) return {};
+        unsigned long after = 0;
+        if (XGetWindowProperty(display, window, XA_WM_NAME, 0, maxTitleItems, False, AnyPropertyType,
+                               &property.encoding, &property.format, &property.nitems, &after,
+                               &property.value) != Success ||
+            !property.value)
+            return {};
         std::string text;
         if (property.encoding == XA_STRING && property.format == 8) {
             text = latin1ToUTF8(property.value, property.nitems);

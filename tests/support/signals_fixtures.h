@@ -6,9 +6,15 @@
 #include <string>
 #include <vector>
 
+#include "CaptureShared/signals/signals_reader.h"
 #include "CaptureShared/signals/sqlite_db.h"
 
 namespace aimwise::testing {
+
+// What a verb passes on when the data root holds no signals.sqlite.
+inline std::string missingSignals(const std::filesystem::path& path) {
+    return SignalsReaderError{SignalsReaderError::Kind::openFailed, "unable to open database file", path}.description();
+}
 
 struct FixtureTick {
     int64_t tsMs = 0;
