@@ -29,7 +29,10 @@ struct DriverCoreTest : ::testing::Test {
     std::optional<Core::RunTurn> turn;
     uint64_t gateJob = 0;
 
-    DriverCoreTest() { icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC")); }
+    DriverCoreTest() {
+        icu::TimeZone::adoptDefault(icu::TimeZone::createTimeZone("UTC"));
+        std::ofstream(root / "manifest.json") << "{}\n";  // a prepared data root, as `aimwise init` leaves it
+    }
     void start() {
         core = std::make_unique<Core>(Core::Settings{.dataRoot = root.path(), .environment = environment,
                                                      .chatIsOpen = [] { return false; }});
