@@ -73,6 +73,11 @@ protected:
                                          "/usr/lib/python3/dist-packages/gi"}))
             GTEST_SKIP() << *missing;
         display_.emplace();
+        // The accessibility bus puts its socket in the runtime directory: one each, so that tests
+        // running side by side never meet on one bus.
+        std::filesystem::create_directories(dir_ / "run");
+        ::chmod((dir_ / "run").c_str(), 0700);
+        environment_.set("XDG_RUNTIME_DIR", (dir_ / "run").string());
         bus_.emplace();
         environment_.set("DISPLAY", display_->name());
         environment_.set("DBUS_SESSION_BUS_ADDRESS", bus_->address());
