@@ -132,7 +132,8 @@ TEST_F(CoachEndToEnd, TheConversationPathAnswersTheChatAndOpensItFromTheNotifica
     const auto sent = runProcess(aimwisePath(), {"chat", "--send", "help me start", "--wait", "20"}, {.environment = env});
     EXPECT_EQ(sent.exitStatus, 0) << sent.standardError;
     EXPECT_EQ(sent.standardOutput, "Open the outline first.\n");
-    EXPECT_EQ(types(), "app_chat_message app_chat_message coach_decision ");
+    // The chat shows the reply from the stream; the driver records the turn's decision just after.
+    EXPECT_TRUE(eventually([&] { return types() == "app_chat_message app_chat_message coach_decision "; })) << types();
 
     // The classifier log's times are whole seconds, and this look must come after the turn just taken.
     std::this_thread::sleep_for(std::chrono::milliseconds(1100));
