@@ -163,30 +163,30 @@ MerlProxyError MerlProxyError::decode(int status, const std::optional<std::strin
     return MerlProxyError(std::move(fields));
 }
 
-MerlProxyError MerlProxyError::proxyNotConfigured() {
+// A failure this side of the route finds for itself: its raw name and the words the person sees.
+MerlProxyError::Fields MerlProxyError::ownFields(Reason reason) {
     Fields fields;
-    fields.reason = Reason::proxyNotConfigured;
-    fields.rawReason = std::string(rawValue(fields.reason));
-    fields.userMessage = defaultUserMessage(fields.reason);
+    fields.reason = reason;
+    fields.rawReason = std::string(rawValue(reason));
+    fields.userMessage = defaultUserMessage(reason);
+    return fields;
+}
+
+MerlProxyError MerlProxyError::proxyNotConfigured() {
+    Fields fields = ownFields(Reason::proxyNotConfigured);
     fields.retryable = true;
     fields.fixHint = "set AIMCAP_PROXY_URL";
     return MerlProxyError(std::move(fields));
 }
 
 MerlProxyError MerlProxyError::unsupportedRequest(std::string detail) {
-    Fields fields;
-    fields.reason = Reason::unsupportedRequest;
-    fields.rawReason = std::string(rawValue(fields.reason));
-    fields.userMessage = defaultUserMessage(fields.reason);
+    Fields fields = ownFields(Reason::unsupportedRequest);
     fields.detail = std::move(detail);
     return MerlProxyError(std::move(fields));
 }
 
 MerlProxyError MerlProxyError::licenseMissing(std::string detail) {
-    Fields fields;
-    fields.reason = Reason::licenseMissing;
-    fields.rawReason = std::string(rawValue(fields.reason));
-    fields.userMessage = defaultUserMessage(fields.reason);
+    Fields fields = ownFields(Reason::licenseMissing);
     fields.detail = std::move(detail);
     fields.retryable = true;
     return MerlProxyError(std::move(fields));

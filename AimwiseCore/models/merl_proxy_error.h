@@ -83,6 +83,7 @@ public:
     bool operator==(const MerlProxyError& other) const { return fields_ == other.fields_; }
 
 private:
+    static Fields ownFields(Reason reason);
     Fields fields_;
 };
 

@@ -145,7 +145,7 @@ struct Answer {
     std::optional<std::string> note;
 };
 
-// "3", "3 was reading the spec", "rabbit_hole", "rabbit_hole because ...".
+// "3", "3 was reading the manual", "rabbit_hole", "rabbit_hole because ...".
 std::optional<Answer> parseAnswer(const std::string& text) {
     const size_t space = text.find_first_of(" \t");
     const std::string head = lowered(text.substr(0, space));

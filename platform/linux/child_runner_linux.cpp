@@ -183,13 +183,13 @@ class LinuxChildRunner final : public ChildRunner {
             const int64_t at = child.killAtMs ? *child.killAtMs : child.deadlineMs;
             if (at != INT64_MAX) next = std::min(next.value_or(at), at);
         }
-        itimerspec spec{};
+        itimerspec due{};  // all zero disarms the timer
         if (next) {
             const int64_t at = std::max<int64_t>(*next, 1);
-            spec.it_value.tv_sec = at / 1000;
-            spec.it_value.tv_nsec = (at % 1000) * 1'000'000;
+            due.it_value.tv_sec = at / 1000;
+            due.it_value.tv_nsec = (at % 1000) * 1'000'000;
         }
-        ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &spec, nullptr);
+        ::timerfd_settime(timer_, TFD_TIMER_ABSTIME, &due, nullptr);
     }
 
     int epoll_, timer_, wake_;
