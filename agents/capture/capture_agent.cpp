@@ -69,7 +69,7 @@ class Agent {
             powerReadAtMs_ = nowMonotonic;
         }
         const auto locked = lock_.locked(nowMonotonic);
-        if (recorder_) recorder_->observeLock(locked);
+        if (recorder_) recorder_->sampled(locked, nowMonotonic);
         writer_->write(buildTickRecord(clock_.wallMs(), *snapshot, idle, locked, *power_, EventLog::read()));
         return true;
     }
