@@ -4,6 +4,7 @@
 #include <cstdlib>
 
 #include "CaptureShared/common/iso_date.h"
+#include "CaptureShared/dataroot/failure_memory.h"
 
 namespace aimwise::cli {
 
@@ -69,16 +70,20 @@ void sayLast(const std::string& message) {
 
 }  // namespace
 
-int guarded(const std::function<int()>& verb) {
+int guarded(const std::function<int()>& verb, const std::optional<std::filesystem::path>& failureMemory) {
+    std::string said;
     try {
-        return verb();
+        const int status = verb();
+        if (failureMemory) FailureMemory::forget(*failureMemory);
+        return status;
     } catch (const Failure& failure) {
-        sayLast(failure.description());
+        said = failure.description();
     } catch (const Error& error) {
-        sayLast("FAIL: " + error.description());
+        said = "FAIL: " + error.description();
     } catch (const std::exception& error) {
-        sayLast(std::string("FAIL: ") + error.what());
+        said = std::string("FAIL: ") + error.what();
     }
+    if (!failureMemory || FailureMemory::isNew(*failureMemory, said)) sayLast(said);
     return 1;
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 // The process-wide values of the command line and the helpers every verb shares.
 #include <cstdint>
+#include <filesystem>
 #include <functional>
 #include <optional>
 #include <string>
@@ -43,7 +44,10 @@ struct Failure : Error {
 // The one catch boundary of the verbs: runs `verb` and returns its status, or, when it throws,
 // prints a Failure's words or "FAIL: " and any other error's description on standard error and
 // returns 1. Standard output is flushed first, so what a verb printed before failing comes first.
-int guarded(const std::function<int()>& verb);
+// With `failureMemory` (for runs the service manager starts), a failure said word for word by the
+// last run is not said again (CaptureShared/dataroot/failure_memory.h).
+int guarded(const std::function<int()>& verb,
+            const std::optional<std::filesystem::path>& failureMemory = std::nullopt);
 
 // Message and newline on standard error, exit status 1. Only the dispatcher calls it.
 [[noreturn]] void fail(const std::string& message);

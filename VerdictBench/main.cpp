@@ -44,11 +44,16 @@ int main(int argc, char** argv) {
     std::vector<std::string> arguments(argv + 1, argv + argc);
     const Invocation invocation = aimwise::cli::splitArguments(arguments);
 
-    aimwise::AgentLogging::bootstrap("AimwiseCoach", "classifier", std::nullopt, 300.0);
+    const auto log = aimwise::AgentLogging::bootstrap("AimwiseCoach", "classifier", std::nullopt, 300.0);
 
     if (invocation.mode) {
-        for (const Verb& verb : verbTable)
-            if (*invocation.mode == verb.name) return aimwise::cli::guarded([&] { return verb.run(invocation); });
+        for (const Verb& verb : verbTable) {
+            if (*invocation.mode != verb.name) continue;
+            // Only a run that logs remembers its failure, so a person at a terminal is always told.
+            std::optional<std::filesystem::path> failureMemory;
+            if (log) failureMemory = log->parent_path() / ("VerdictBench-" + std::string(verb.name) + ".last-failure");
+            return aimwise::cli::guarded([&] { return verb.run(invocation); }, failureMemory);
+        }
     }
     aimwise::cli::fail(aimwise::cli::usageText);
 }

@@ -182,11 +182,17 @@ std::vector<DetectorSource> credentialSources() {
     };
 }
 
-struct DetectorLists {
-    std::vector<Detector> lifeLevel;
-    // The credential detectors followed by the life-level ones.
-    std::vector<Detector> outbound;
+// A list of detectors and the bounds patterns they share.
+struct CompiledDetectors {
+    std::vector<Detector> detectors;
     std::map<std::string_view, std::unique_ptr<privacy_icu::Pattern>> edges;
+
+    explicit CompiledDetectors(const std::vector<DetectorSource>& sources) {
+        for (const auto& source : sources)
+            detectors.push_back({source.kind, privacy_icu::compileOrAbort(source.name, source.pattern), source.group,
+                                 source.validate, source.starts, edge(source.edges.before), edge(source.edges.after),
+                                 source.widensPrevious, source.containsPrevious});
+    }
 
     const privacy_icu::Pattern* edge(const char* source) {
         if (!source) return nullptr;
@@ -194,24 +200,28 @@ struct DetectorLists {
         if (!slot) slot = privacy_icu::compileOrAbort("a detector's bounds", source);
         return slot.get();
     }
-
-    void compileInto(std::vector<Detector>& out, const std::vector<DetectorSource>& sources) {
-        for (const auto& source : sources)
-            out.push_back({source.kind, privacy_icu::compileOrAbort(source.name, source.pattern), source.group,
-                           source.validate, source.starts, edge(source.edges.before), edge(source.edges.after),
-                           source.widensPrevious, source.containsPrevious});
-    }
 };
 
-const DetectorLists& detectors() {
-    static const DetectorLists lists = [] {
-        DetectorLists built;
-        built.compileInto(built.lifeLevel, lifeLevelSources());
-        built.compileInto(built.outbound, credentialSources());
-        built.compileInto(built.outbound, lifeLevelSources());
-        return built;
-    }();
-    return lists;
+std::vector<const Detector*> inOrder(std::initializer_list<const CompiledDetectors*> parts) {
+    std::vector<const Detector*> list;
+    for (const CompiledDetectors* part : parts)
+        for (const Detector& detector : part->detectors) list.push_back(&detector);
+    return list;
+}
+
+// Each list is compiled when first needed, and the life-level patterns once for both scopes: a
+// compiled pattern holds memory for as long as the process runs, and the capture agent, which runs
+// all day, cleans titles with the life-level list alone.
+const std::vector<const Detector*>& detectors(Scope scope) {
+    static const CompiledDetectors lifeLevel(lifeLevelSources());
+    if (scope == Scope::outbound) {
+        static const CompiledDetectors credentials(credentialSources());
+        // The credential detectors followed by the life-level ones.
+        static const std::vector<const Detector*> outbound = inOrder({&credentials, &lifeLevel});
+        return outbound;
+    }
+    static const std::vector<const Detector*> lifeLevelList = inOrder({&lifeLevel});
+    return lifeLevelList;
 }
 
 // A normalised form with the facts its start rules read.
@@ -470,20 +480,20 @@ RedactionResult redactWith(const std::string& text, Scope scope, Search search) 
         Scan scan = scanUTF8(text);
         if (!scan.numeric) return {scan.wellFormed ? text : privacy_icu::toUTF8(privacy_icu::toUTF16(text)), {}};
     }
-    const auto& list = scope == Scope::outbound ? detectors().outbound : detectors().lifeLevel;
+    const auto& list = detectors(scope);
     std::u16string current = privacy_icu::toUTF16(text);
     RedactionReport report;
     Forms forms(current);
     std::vector<Redacted> redacted;
     for (size_t first = 0; first < list.size();) {
         size_t end = first + 1;
-        while (end < list.size() && list[end].widensPrevious) ++end;
+        while (end < list.size() && list[end]->widensPrevious) ++end;
         // Credentials are read as written, less invisible characters beside blanks and label punctuation:
         // their values legitimately hold commas and underscores. Numbers are read through their disguises,
         // and what is found there must be bounded as in the plain form.
-        const Kind kind = list[first].kind;
+        const Kind kind = list[first]->kind;
         const bool credential = kind == Kind::credential;
-        if (!credential && first > 0 && list[first - 1].kind == Kind::credential) {
+        if (!credential && first > 0 && list[first - 1]->kind == Kind::credential) {
             forms.release(Disguises::none);
             forms.release(Disguises::invisible);
         }
@@ -503,24 +513,24 @@ RedactionResult redactWith(const std::string& text, Scope scope, Search search) 
         std::vector<int32_t> foundInRemoved, foundInPlain;
         // Last to first, so that a variant containing its original is read before it.
         for (size_t d = end; d-- > first;) {
-            const bool noting = d + 1 < end && list[d + 1].containsPrevious;
+            const bool noting = d + 1 < end && list[d + 1]->containsPrevious;
             if (!noting) {
                 foundInRemoved.clear();
                 foundInPlain.clear();
             }
-            const bool noteForNext = list[d].containsPrevious;
+            const bool noteForNext = list[d]->containsPrevious;
             // Only near where it joined two neighbours does the reading without invisible characters differ;
             // a credential's value, unlike a number, can reach arbitrarily far.
             if (removed) {
                 std::vector<int32_t> starts;
-                readings.push_back(accepted(list[d], *removed, boundsCheck(*removed, FormatCharacters::removed), search,
+                readings.push_back(accepted(*list[d], *removed, boundsCheck(*removed, FormatCharacters::removed), search,
                                             credential ? nullptr : &removed->normalized.joins(),
                                             noting ? &foundInRemoved : nullptr,
                                             noteForNext ? &starts : nullptr));
                 foundInRemoved = std::move(starts);
             }
             std::vector<int32_t> starts;
-            readings.push_back(accepted(list[d], plain, boundsCheck(plain, FormatCharacters::kept), search, nullptr,
+            readings.push_back(accepted(*list[d], plain, boundsCheck(plain, FormatCharacters::kept), search, nullptr,
                                         noting ? &foundInPlain : nullptr, noteForNext ? &starts : nullptr));
             foundInPlain = std::move(starts);
         }
@@ -532,7 +542,10 @@ RedactionResult redactWith(const std::string& text, Scope scope, Search search) 
 
 }  // namespace
 
-void prepare() { (void)detectors(); }
+void prepare() {
+    (void)detectors(Scope::lifeLevel);
+    (void)detectors(Scope::outbound);
+}
 
 RedactionResult redact(const std::string& text, Scope scope) { return redactWith(text, scope, Search::byStartRules); }
 

@@ -7,13 +7,19 @@
 namespace aimwise {
 
 SharedLibrary::SharedLibrary(const char* soname, const std::string& purpose, const std::string& debianPackage)
+    : SharedLibrary(soname, purpose, Remedy{"scripts/setup installs it (package " + debianPackage + ")"}) {}
+
+SharedLibrary SharedLibrary::ownModule(const std::string& path, const std::string& purpose) {
+    return SharedLibrary(path.c_str(), purpose, Remedy{"it is built with the programs; build them again"});
+}
+
+SharedLibrary::SharedLibrary(const char* soname, const std::string& purpose, const Remedy& remedy)
     : soname_(soname), purpose_(purpose) {
     handle_ = ::dlopen(soname, RTLD_NOW | RTLD_LOCAL);
     if (!handle_) {
         const char* reason = ::dlerror();
         throw SharedLibraryError(purpose + " is unavailable: " + soname + " could not be loaded (" +
-                                 (reason ? reason : "no reason given") + "); scripts/setup installs it (package " +
-                                 debianPackage + ")");
+                                 (reason ? reason : "no reason given") + "); " + remedy.text);
     }
 }
 

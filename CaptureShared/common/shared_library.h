@@ -17,6 +17,8 @@ public:
     // Loads `soname` or throws SharedLibraryError naming it, what needs it and the Debian package
     // that provides it.
     SharedLibrary(const char* soname, const std::string& purpose, const std::string& debianPackage);
+    // One of this system's own modules, at `path`; missing, it calls for a build, not a package.
+    static SharedLibrary ownModule(const std::string& path, const std::string& purpose);
     ~SharedLibrary();
     SharedLibrary(const SharedLibrary&) = delete;
     SharedLibrary& operator=(const SharedLibrary&) = delete;
@@ -32,6 +34,10 @@ public:
     std::string file() const;
 
 private:
+    struct Remedy {
+        std::string text;
+    };
+    SharedLibrary(const char* soname, const std::string& purpose, const Remedy& remedy);
     void* address(const char* name) const;
 
     void* handle_ = nullptr;

@@ -8,6 +8,7 @@
 namespace aimwise {
 namespace {
 
+using testing::ProcessOptions;
 using testing::runProcess;
 using testing::verdictBenchPath;
 
@@ -86,6 +87,38 @@ TEST(VerdictBenchProcessTest, ServiceStartedRunWritesToItsPrivateLogAndAHandRunK
     EXPECT_EQ(testing::readFile(log), byHand.standardOutput);
     EXPECT_EQ(std::filesystem::status(log).permissions() & std::filesystem::perms::all,
               std::filesystem::perms::owner_read | std::filesystem::perms::owner_write);
+}
+
+// A timer's tick against a data root on an unmounted disk logs its failure once, not every minute,
+// and again when the failure changes or a run by hand asks.
+TEST(VerdictBenchProcessTest, AServiceStartedRunDoesNotLogTheFailureTheLastRunLogged) {
+    testing::TempDir dir;
+    const std::filesystem::path root = dir / "root", log = dir / "AimwiseCoach" / "classifier.log";
+    std::filesystem::create_directories(root);
+    auto tick = [&](bool byService) {
+        ProcessOptions options{.environment = {{"XDG_STATE_HOME", dir.path().string()}, {"AIMCAP_DATA_ROOT", root.string()}}};
+        if (byService) options.environment["INVOCATION_ID"] = "0123abcd";
+        else options.unset = {"INVOCATION_ID"};
+        const auto result = runProcess(verdictBenchPath(), {"tick"}, options);
+        EXPECT_EQ(result.exitStatus, 1);
+        return result.standardError;
+    };
+    const std::string missing = "FAIL: could not open " + (root / "signals.sqlite").string() +
+                                " (unable to open database file): nothing has been recorded there yet — check that "
+                                "the disk holding the data root is mounted and that aimwise-capture is running\n";
+    tick(true);
+    tick(true);
+    EXPECT_EQ(tick(false), missing);
+    std::filesystem::create_directory(root / "signals.sqlite");
+    tick(true);
+    std::filesystem::remove(root / "signals.sqlite");
+    tick(true);
+    const std::string logged = testing::readFile(log);
+    EXPECT_EQ(logged.substr(0, missing.size()), missing);
+    EXPECT_EQ(logged.substr(logged.size() - missing.size()), missing);
+    size_t lines = 0;
+    for (char c : logged) lines += c == '\n';
+    EXPECT_EQ(lines, 3u) << logged;
 }
 
 }  // namespace

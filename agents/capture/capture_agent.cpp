@@ -16,6 +16,7 @@
 #include "agents/capture/wayland_notice.h"
 #include "agents/capture/title_cleaner.h"
 #include "platform/desktop_session.h"
+#include "platform/wayland_desktop_module.h"
 
 namespace aimwise {
 
@@ -68,7 +69,7 @@ class Agent {
             powerReadAtMs_ = nowMonotonic;
         }
         const auto locked = lock_.locked(nowMonotonic);
-        if (recorder_) recorder_->observeLock(locked);
+        if (recorder_) recorder_->sampled(locked, nowMonotonic);
         writer_->write(buildTickRecord(clock_.wallMs(), *snapshot, idle, locked, *power_, EventLog::read()));
         return true;
     }
@@ -151,10 +152,12 @@ class Agent {
     std::unique_ptr<DesktopSession> openDesktop() {
         const DesktopKind kind = desktopKindFor(options_.environment);
         if (kind != DesktopKind::x11) {
-            if (auto session = DesktopSession::open(kind, options_.environment, options_.display)) return session;
+            std::string failure;
+            if (auto session = WaylandDesktopModule::open(kind, options_.environment, options_.display, failure))
+                return session;
             if (!fallbackSaid_)
                 say("the Wayland reader for this desktop could not start (" + sessionName() +
-                    "); trying the X11 reader");
+                    (failure.empty() ? "" : "; " + failure) + "); trying the X11 reader");
             fallbackSaid_ = true;
             if (displayName().empty()) return nullptr;
             auto session = DesktopSession::connect(options_.display);

@@ -76,7 +76,8 @@ public:
         displayName_ = !options_.display.empty() ? options_.display : display.value_or(":0");
     }
 
-    void run(const std::atomic<bool>& stop, std::mutex& mutex, std::condition_variable& wake) {
+    void run(const std::atomic<bool>& stop, std::atomic<bool>& settingChanged, std::mutex& mutex,
+             std::condition_variable& wake) {
         while (!stop.load()) {
             if (child_) {
                 const int64_t nextLook = clock_.monotonicMs() + options_.lookEveryMs;
@@ -84,9 +85,14 @@ public:
                      now = clock_.monotonicMs())
                     pump(nextLook - now);
             } else {
+                // Held by the setting, nothing but the setting can change that: woken when it changes,
+                // or for the hourly sweep of old recordings. Other holds (a lock, a pause) are looked at.
+                const int64_t waitMs = heldBySetting_ ? options_.retentionEveryMs : idleLookMs;
                 std::unique_lock lock(mutex);
-                wake.wait_for(lock, std::chrono::milliseconds(idleLookMs), [&] { return stop.load(); });
+                wake.wait_for(lock, std::chrono::milliseconds(waitMs),
+                              [&] { return stop.load() || settingChanged.load(); });
             }
+            if (settingChanged.exchange(false)) settingCheckedMs_ = longAgo;
             if (stop.load()) break;
             const int64_t mono = clock_.monotonicMs(), wall = clock_.wallMs();
             act(look(mono, wall), mono, wall);
@@ -166,6 +172,7 @@ private:
             heldForDisk_ = held->reason == RecordingGate::Reason::lowDisk;
             quietFault_ = false;
             using enum RecordingGate::Reason;
+            heldBySetting_ = held->reason == off || held->reason == wayland;
             if (held->reason == off || held->reason == wayland || held->reason == noDataRoot) desktop_.reset();
             // Starting with recording off is the usual case and not worth a line.
             enter("held:" + std::to_string(int(held->reason)), "not recording: " + held->words,
@@ -174,6 +181,7 @@ private:
             return;
         }
         heldForDisk_ = false;
+        heldBySetting_ = false;
         if (!child_) {
             sweepIfDue(mono, lookMs);
             if (mono >= nextAttemptMs_) start(mono);
@@ -388,6 +396,7 @@ private:
     std::string stateKey_;
     std::set<std::string> toldFaults_;
     bool quietFault_ = false;
+    bool heldBySetting_ = false;
     int64_t retryDelayMs_ = options_.firstRetryMs;
     int64_t nextAttemptMs_ = 0;
     int64_t healthySinceMs_ = std::numeric_limits<int64_t>::max();
@@ -397,8 +406,10 @@ private:
 fs::path Recorder::stateFilePath() { return DataPaths::supportDir() / "recorder-state.json"; }
 
 Recorder::Recorder(Options options, const Clock& clock, Log log)
-    : worker_(std::make_unique<Worker>(std::move(options), clock, std::move(log), locked_)),
-      thread_([this] { worker_->run(stop_, mutex_, wake_); }) {}
+    : settingFile_(options.settingFile.empty() ? RecordingSetting::path() : options.settingFile),
+      settingStamp_(stamp(settingFile_)),
+      worker_(std::make_unique<Worker>(std::move(options), clock, std::move(log), locked_)),
+      thread_([this] { worker_->run(stop_, settingChanged_, mutex_, wake_); }) {}
 
 Recorder::~Recorder() {
     {
@@ -409,6 +420,18 @@ Recorder::~Recorder() {
     thread_.join();
 }
 
-void Recorder::observeLock(std::optional<bool> locked) { locked_.store(locked ? int(*locked) : -1); }
+void Recorder::sampled(std::optional<bool> locked, int64_t monotonicMs) {
+    locked_.store(locked ? int(*locked) : -1);
+    if (monotonicMs - settingLookedAtMs_ < settingCheckMs) return;
+    settingLookedAtMs_ = monotonicMs;
+    if (auto now = stamp(settingFile_); now != settingStamp_) {
+        settingStamp_ = now;
+        {
+            std::lock_guard lock(mutex_);
+            settingChanged_.store(true);
+        }
+        wake_.notify_all();
+    }
+}
 
 }  // namespace aimwise

@@ -22,6 +22,7 @@
 #include <optional>
 #include <string>
 #include <thread>
+#include <utility>
 
 #include "CaptureShared/common/clock.h"
 #include "CaptureShared/common/environment.h"
@@ -55,12 +56,18 @@ public:
     Recorder(const Recorder&) = delete;
     Recorder& operator=(const Recorder&) = delete;
 
-    // The agent's reading of the session lock; nothing when logind cannot say.
-    void observeLock(std::optional<bool> locked);
+    // Called with each of the agent's samples: the session lock as read (nothing when logind cannot
+    // say), and a look at the recording setting's file. While recording is off the recorder's thread
+    // sleeps, for an hour at a time, until this sees the setting change.
+    void sampled(std::optional<bool> locked, int64_t monotonicMs);
 
 private:
     class Worker;
     std::atomic<int> locked_{-1};
+    std::atomic<bool> settingChanged_{false};
+    std::filesystem::path settingFile_;
+    std::optional<std::pair<int64_t, int64_t>> settingStamp_;
+    int64_t settingLookedAtMs_ = 0;
     std::atomic<bool> stop_{false};
     std::mutex mutex_;
     std::condition_variable wake_;

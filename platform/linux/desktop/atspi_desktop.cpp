@@ -6,7 +6,7 @@
 #include <cstdlib>
 #include <memory>
 
-#include "platform/linux/desktop/session_bus.h"
+#include "platform/linux/desktop_bus/session_bus.h"
 
 namespace aimwise::AtspiDesktop {
 namespace {

@@ -5,7 +5,7 @@
 #include "platform/app_identity.h"
 #include "platform/linux/desktop/atspi_desktop.h"
 #include "platform/linux/desktop/gnome_shell.h"
-#include "platform/linux/desktop/session_bus.h"
+#include "platform/linux/desktop_bus/session_bus.h"
 #include "platform/linux/desktop/window_source.h"
 
 namespace aimwise {

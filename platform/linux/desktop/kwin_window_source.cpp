@@ -8,7 +8,7 @@
 #include <string>
 
 #include "platform/linux/desktop/kwin_script.h"
-#include "platform/linux/desktop/session_bus.h"
+#include "platform/linux/desktop_bus/session_bus.h"
 #include "platform/linux/desktop/window_source.h"
 
 namespace aimwise {

@@ -11,7 +11,7 @@
 
 #include <fmt/format.h>
 
-#include "platform/linux/desktop/session_bus.h"
+#include "platform/linux/desktop_bus/session_bus.h"
 
 namespace aimwise::PortalScreenshot {
 namespace {

@@ -1,10 +1,9 @@
 // The notification service over sd-bus. Kept out of AimwisePlatform so that only the programs that
 // show notifications with buttons load libsystemd.
-#include <systemd/sd-bus.h>
-
 #include <cstring>
 #include <set>
 
+#include "platform/linux/desktop_bus/session_bus.h"
 #include "platform/notification_service.h"
 
 namespace aimwise {
@@ -15,79 +14,61 @@ constexpr const char* destination = "org.freedesktop.Notifications";
 constexpr const char* objectPath = "/org/freedesktop/Notifications";
 constexpr const char* interfaceName = "org.freedesktop.Notifications";
 // A service that does not answer within this is as good as absent; the loop must not stall on it.
-constexpr uint64_t callTimeoutUsec = 3'000'000;
-
-std::string errorText(int result, const sd_bus_error* error) {
-    if (error && error->message) return error->message;
-    return std::strerror(-result);
-}
+constexpr int64_t callTimeoutMs = 3000;
 
 class SdBusNotificationService final : public NotificationService {
   public:
     SdBusNotificationService() {
-        int result = sd_bus_open_user(&bus_);
-        if (result < 0)
-            throw NotificationServiceError("could not connect to the session bus: " + errorText(result, nullptr));
-        sd_bus_set_method_call_timeout(bus_, callTimeoutUsec);
-        result = sd_bus_match_signal(bus_, nullptr, nullptr, objectPath, interfaceName, "ActionInvoked",
-                                     &SdBusNotificationService::onAction, this);
+        std::string failure;
+        bus_ = SessionBus::open(&failure);
+        if (!bus_) throw NotificationServiceError("could not connect to the session bus: " + failure);
+        int result = sd_bus_match_signal(bus_.get(), nullptr, nullptr, objectPath, interfaceName, "ActionInvoked",
+                                         &SdBusNotificationService::onAction, this);
         if (result >= 0)
-            result = sd_bus_match_signal(bus_, nullptr, nullptr, objectPath, interfaceName, "NotificationClosed",
+            result = sd_bus_match_signal(bus_.get(), nullptr, nullptr, objectPath, interfaceName, "NotificationClosed",
                                          &SdBusNotificationService::onClosed, this);
-        if (result < 0) {
-            sd_bus_flush_close_unref(bus_);
-            throw NotificationServiceError("could not listen for notification signals: " + errorText(result, nullptr));
-        }
+        if (result < 0)
+            throw NotificationServiceError(std::string("could not listen for notification signals: ") +
+                                           std::strerror(-result));
     }
-    ~SdBusNotificationService() override { sd_bus_flush_close_unref(bus_); }
 
     uint32_t show(const Notification& notification) override {
-        sd_bus_message* call = nullptr;
-        sd_bus_message* reply = nullptr;
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        int result = sd_bus_message_new_method_call(bus_, &call, destination, objectPath, interfaceName, "Notify");
-        if (result >= 0)
-            result = sd_bus_message_append(call, "susss", notification.appName.c_str(), notification.replaces, "",
-                                           notification.summary.c_str(), notification.body.c_str());
-        if (result >= 0) result = sd_bus_message_open_container(call, 'a', "s");
-        for (const auto& [key, label] : notification.actions) {
-            if (result >= 0) result = sd_bus_message_append(call, "s", key.c_str());
-            if (result >= 0) result = sd_bus_message_append(call, "s", label.c_str());
-        }
-        if (result >= 0) result = sd_bus_message_close_container(call);
-        // Normal urgency, filed as a message received, kept until the person acts on it.
-        if (result >= 0)
-            result = sd_bus_message_append(call, "a{sv}i", 2, "urgency", "y", uint8_t{1}, "category", "s",
-                                           "im.received", int32_t{0});
-        if (result >= 0) result = sd_bus_call(bus_, call, 0, &error, &reply);
+        const SessionBus::Reply reply = call("Notify", [&](sd_bus_message* call) {
+            int result = sd_bus_message_append(call, "susss", notification.appName.c_str(), notification.replaces, "",
+                                               notification.summary.c_str(), notification.body.c_str());
+            if (result >= 0) result = sd_bus_message_open_container(call, 'a', "s");
+            for (const auto& [key, label] : notification.actions) {
+                if (result >= 0) result = sd_bus_message_append(call, "s", key.c_str());
+                if (result >= 0) result = sd_bus_message_append(call, "s", label.c_str());
+            }
+            if (result >= 0) result = sd_bus_message_close_container(call);
+            // Normal urgency, filed as a message received, kept until the person acts on it.
+            if (result >= 0)
+                result = sd_bus_message_append(call, "a{sv}i", 2, "urgency", "y", uint8_t{1}, "category", "s",
+                                               "im.received", int32_t{0});
+            return result;
+        });
         uint32_t id = 0;
-        if (result >= 0) result = sd_bus_message_read(reply, "u", &id);
-        const std::string why = result < 0 ? errorText(result, &error) : "";
-        sd_bus_error_free(&error);
-        sd_bus_message_unref(reply);
-        sd_bus_message_unref(call);
-        if (result < 0) throw NotificationServiceError("the notification service did not show it: " + why);
+        if (!reply) throw NotificationServiceError("the notification service did not show it: " + reply.error);
+        if (const int result = sd_bus_message_read(reply.message.get(), "u", &id); result < 0)
+            throw NotificationServiceError(std::string("the notification service did not show it: ") +
+                                           std::strerror(-result));
         ours_.insert(id);
         return id;
     }
 
     void close(uint32_t id) override {
-        sd_bus_error error = SD_BUS_ERROR_NULL;
-        const int result = sd_bus_call_method(bus_, destination, objectPath, interfaceName, "CloseNotification", &error,
-                                              nullptr, "u", id);
-        const std::string why = result < 0 ? errorText(result, &error) : "";
-        sd_bus_error_free(&error);
-        if (result < 0) throw NotificationServiceError("the notification service did not close it: " + why);
+        const SessionBus::Reply reply =
+            call("CloseNotification", [&](sd_bus_message* call) { return sd_bus_message_append(call, "u", id); });
+        if (!reply) throw NotificationServiceError("the notification service did not close it: " + reply.error);
     }
 
-    int pollFd() const override { return sd_bus_get_fd(bus_); }
+    int pollFd() const override { return sd_bus_get_fd(bus_.get()); }
 
     std::vector<Signal> readSignals() override {
-        for (;;) {
-            const int result = sd_bus_process(bus_, nullptr);
-            if (result < 0) throw NotificationServiceError("the session bus went away: " + errorText(result, nullptr));
-            if (result == 0) break;
-        }
+        std::string failure;
+        if (!SessionBus::processPending(bus_.get(), &failure))
+            throw NotificationServiceError("the session bus went away: " + failure);
         return std::exchange(pending_, {});
     }
 
@@ -108,7 +89,11 @@ class SdBusNotificationService final : public NotificationService {
         return 0;
     }
 
-    sd_bus* bus_ = nullptr;
+    SessionBus::Reply call(const char* member, const std::function<int(sd_bus_message*)>& append) {
+        return SessionBus::call(bus_.get(), destination, objectPath, interfaceName, member, callTimeoutMs, append);
+    }
+
+    SessionBus::Bus bus_;
     std::set<uint32_t> ours_;
     std::vector<Signal> pending_;
 };

@@ -1,6 +1,6 @@
 #pragma once
-// A private connection to the session bus through sd-bus, with the few calls the Wayland readers
-// make: a method call under a deadline and the processing of what arrived.
+// A private connection to the session bus through sd-bus, with the few calls the Wayland readers and
+// the coach's notifications make: a method call under a deadline and the processing of what arrived.
 #include <systemd/sd-bus.h>
 
 #include <cstdint>
@@ -20,8 +20,9 @@ struct MessageDeleter {
 using Bus = std::unique_ptr<sd_bus, BusDeleter>;
 using Message = std::unique_ptr<sd_bus_message, MessageDeleter>;
 
-// $DBUS_SESSION_BUS_ADDRESS, else the user's bus; nothing when neither is there.
-Bus open();
+// $DBUS_SESSION_BUS_ADDRESS, else the user's bus; nothing when neither is there, with the reason in
+// `failure` when given.
+Bus open(std::string* failure = nullptr);
 
 struct Reply {
     Message message;
@@ -39,7 +40,8 @@ bool hasOwner(sd_bus* bus, const char* name);
 // The reply's single string argument, or nothing when it has another shape.
 std::optional<std::string> readString(sd_bus_message* message);
 
-// Handles everything that has arrived without waiting; false when the connection is gone.
-bool processPending(sd_bus* bus);
+// Handles everything that has arrived without waiting; false when the connection is gone, with the
+// reason in `failure` when given.
+bool processPending(sd_bus* bus, std::string* failure = nullptr);
 
 }  // namespace aimwise::SessionBus

@@ -1,12 +1,15 @@
-#include "platform/linux/desktop/session_bus.h"
+#include "platform/linux/desktop_bus/session_bus.h"
 
 #include <cstring>
 
 namespace aimwise::SessionBus {
 
-Bus open() {
+Bus open(std::string* failure) {
     sd_bus* bus = nullptr;
-    if (sd_bus_open_user(&bus) < 0) return nullptr;
+    if (const int r = sd_bus_open_user(&bus); r < 0) {
+        if (failure) *failure = std::strerror(-r);
+        return nullptr;
+    }
     return Bus(bus);
 }
 
@@ -43,10 +46,13 @@ std::optional<std::string> readString(sd_bus_message* message) {
     return std::string(text);
 }
 
-bool processPending(sd_bus* bus) {
+bool processPending(sd_bus* bus, std::string* failure) {
     while (true) {
         const int r = sd_bus_process(bus, nullptr);
-        if (r < 0) return false;
+        if (r < 0) {
+            if (failure) *failure = std::strerror(-r);
+            return false;
+        }
         if (r == 0) return true;
     }
 }
