@@ -3,9 +3,10 @@
 // chosen from the text's measured height unless given (for comparisons by hand and in bench/).
 //
 // Nearly all the time goes to the engine's line reader (three quarters on a terminal; loading the
-// engine is 70 ms, its page layout a tenth), and that work grows with the amount of text. So with two
-// cores free the page is read as an upper and a lower band at once, one engine each: about half the
-// wall time for 10% more CPU and 12 MB more memory. AIMWISE_OCR_BANDS=1 reads it whole.
+// engine is 70 ms, its page layout a tenth), and that work grows with the amount of text. With
+// AIMCAP_OCR_BANDS=2 and two cores free, the page is read as an upper and a lower band at once, one
+// engine each: about half the wall time, for up to a fifth more CPU and 11 MB more memory. A verdict
+// is not waited for by anyone, so by default the page is read whole, at the lesser cost.
 #include <leptonica/allheaders.h>
 #include <sched.h>
 #include <tesseract/baseapi.h>
@@ -96,12 +97,13 @@ float upscaleFactor(PIX* gray) {
     return static_cast<float>(std::clamp(std::round(2.0 * readableGlyphHeight / *height) / 2.0, 1.0, 3.0));
 }
 
-// Two bands when the caller leaves two cores to this process and the page has this many lines of text:
-// below that, the second engine's loading costs more than it saves.
+// Two bands when asked for, with two cores left to this process and this many lines of text on the
+// page: below that, the second engine's loading costs more than it saves.
 constexpr int linesWorthTwoBands = 8;
 
 int bandsAllowed() {
-    if (const char* chosen = std::getenv("AIMWISE_OCR_BANDS")) return std::atoi(chosen) >= 2 ? 2 : 1;
+    const char* chosen = std::getenv("AIMCAP_OCR_BANDS");
+    if (!chosen || std::atoi(chosen) < 2) return 1;
     cpu_set_t cpus;
     return ::sched_getaffinity(0, sizeof cpus, &cpus) == 0 && CPU_COUNT(&cpus) >= 2 ? 2 : 1;
 }
