@@ -51,6 +51,23 @@ TEST_F(OnXvfb, SmallScreenTextIsReadThanksToUpscaling) {
     EXPECT_EQ(readText(image), "make install finished");
 }
 
+// Read as two bands at once, a page gives the same lines in the same order as read whole: the cut
+// falls between lines, and the upper band's lines come first.
+TEST_F(OnXvfb, TwoBandsReadThePageAsReadingItWholeDoes) {
+    std::vector<std::string> lines;
+    for (const char* word : {"alpha", "bravo", "charlie", "delta", "echo", "foxtrot", "golf", "hotel", "india", "juliet"})
+        lines.push_back(std::string(word) + " line of the report");
+    const ScreenRect rect{20, 20, 520, 420};
+    TestWindow window(*display_, "Editor", rect, lines, 16);
+    const auto image = dir_ / "page.png";
+    ASSERT_TRUE(std::holds_alternative<ScreenshotCapture::Captured>(ScreenshotCapture::captureRect(rect, image, 10.0)));
+    std::string expected;
+    for (const auto& line : lines) expected += (expected.empty() ? "" : "\n") + line;
+    EXPECT_EQ(readText(image), expected);
+    environment_.set("AIMCAP_OCR_BANDS", "2");
+    EXPECT_EQ(readText(image), expected);
+}
+
 TEST_F(OnXvfb, OnlyTheRequestedRectangleIsCaptured) {
     TestWindow left(*display_, "Left", {0, 0, 300, 120}, {"LEFT"}, 30);
     TestWindow right(*display_, "Right", {300, 0, 300, 120}, {"RIGHT"}, 30);
